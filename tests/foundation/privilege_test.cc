@@ -1,0 +1,262 @@
+#include "foundation/privilege.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "harness/recording_script.h"
+#include "harness/run_as.h"
+#include "harness/syslog_capture.h"
+
+namespace {
+
+using qsvtest::SyslogCapture;
+
+constexpr int kAuthErr = 35;   // LOG_AUTH | LOG_ERR
+constexpr int kAuthCrit = 34;  // LOG_AUTH | LOG_CRIT
+
+// A child's checks are reported through its exit status: 0 is success, anything else names the
+// first check that failed.
+#define CHILD_CHECK(cond, code) \
+  if (!(cond)) return (code)
+
+struct User {
+  uid_t uid;
+  gid_t gid;
+};
+
+// A child can't hand a variable back to the test; the line of the statement it logs from goes
+// through a file instead.
+const char kLineFile[] = "/tmp/privilege-test-line";
+void RecordLine(int line) { qsvtest::WriteFile(kLineFile, std::to_string(line)); }
+std::string RecordedLine() { return qsvtest::ReadFile(kLineFile); }
+
+User PackageUser() { return {qsvtest::UidOf("Quillon-Server"), qsvtest::GidOf("Quillon-Server")}; }
+
+TEST(CriticalSectionTest, RootProcessIsLeftAloneAndErrnoCleared) {
+  SyslogCapture log;
+  errno = EBADF;
+  int insideEuid = -1;
+  ENTERCriticalSection;
+  EXPECT_EQ(errno, 0);
+  insideEuid = static_cast<int>(geteuid());
+  errno = ENOENT;
+  LEAVECriticalSection;
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(insideEuid, 0);
+  EXPECT_EQ(geteuid(), 0u);
+  EXPECT_EQ(getegid(), 0u);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(CriticalSectionTest, LoweredProcessIsRaisedAndPutBack) {
+  const User u = PackageUser();
+  const int rc = qsvtest::RunWithEffectiveIds(u.uid, u.gid, [&] {
+    ENTERCriticalSection;
+    CHILD_CHECK(errno == 0, 1);
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 2);
+    LEAVECriticalSection;
+    CHILD_CHECK(errno == 0, 3);
+    CHILD_CHECK(geteuid() == u.uid && getegid() == u.gid, 4);
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+}
+
+TEST(CriticalSectionTest, FailedEntryLogsOnceAndTheStatementStillRuns) {
+  SyslogCapture log;
+  const std::string marker = "/tmp/critical-section-ran";
+  unlink(marker.c_str());
+  const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
+    int fd = -1;
+    RecordLine(__LINE__ + 1);
+    ENTERCriticalSection;
+    CHILD_CHECK(errno == 1, 1);
+    fd = open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
+    LEAVECriticalSection;
+    CHILD_CHECK(errno == 0, 2);
+    CHILD_CHECK(fd >= 0, 3);
+    close(fd);
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  struct stat st;
+  EXPECT_EQ(stat(marker.c_str(), &st), 0) << "the statement inside did not run";
+
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].priority, kAuthErr);
+  EXPECT_EQ(lines[0].message,
+            "privilege_test.cc:" + RecordedLine() + " ERROR: ENTERCriticalSection");
+}
+
+TEST(CriticalSectionTest, GroupIsRaisedBeforeUser) {
+  // Saved user id root but every group id the user's: raising the user first would work, raising the
+  // group first can't. The bracket raises the group first, so it fails and leaves the user alone.
+  SyslogCapture log;
+  const User u = PackageUser();
+  const int rc = qsvtest::RunInChild([&] {
+    CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(-1, u.uid, -1) == 0, 10);
+    ENTERCriticalSection;
+    CHILD_CHECK(errno == 1, 1);
+    CHILD_CHECK(geteuid() == u.uid, 2);
+    LEAVECriticalSection;
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  EXPECT_EQ(log.Matching("ERROR: ENTERCriticalSection").size(), 1u);
+}
+
+TEST(CriticalSectionTest, LeaveThatCannotRestoreLogsAndSetsErrno) {
+  SyslogCapture log;
+  const User u = PackageUser();
+  const int rc = qsvtest::RunWithEffectiveIds(u.uid, u.gid, [&] {
+    ENTERCriticalSection;
+    // Something inside gives up root for good: the way back is gone.
+    CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(1, 1, 1) == 0, 10);
+    LEAVECriticalSection;
+    CHILD_CHECK(errno == 1, 1);
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  const auto lines = log.Matching("ERROR: LEAVECriticalSection");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].priority, kAuthErr);
+}
+
+TEST(CriticalSectionTest, NestedBracketsRestoreWhatEachLevelFound) {
+  const User u = PackageUser();
+  const uid_t nobody = qsvtest::UidOf("nobody");
+  const gid_t nogroup = qsvtest::GidOf("nobody");
+  const int rc = qsvtest::RunWithEffectiveIds(u.uid, u.gid, [&] {
+    ENTERCriticalSection;
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 1);
+    IF_RUN_AS(nobody, nogroup) {
+      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 2);
+      ENTERCriticalSection;
+      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 3);
+      ENTERCriticalSection;
+      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 4);
+      LEAVECriticalSection;
+      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 5);
+      LEAVECriticalSection;
+      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 6);
+    }
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 7);
+    LEAVECriticalSection;
+    CHILD_CHECK(geteuid() == u.uid && getegid() == u.gid, 8);
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+}
+
+TEST(RunAsScopeTest, RunsTheBlockAsTheTargetAndComesBack) {
+  SyslogCapture log;
+  const User u = PackageUser();
+  const int rc = qsvtest::RunInChild([&] {
+    IF_RUN_AS(u.uid, u.gid) {
+      CHILD_CHECK(geteuid() == u.uid && getegid() == u.gid, 1);
+      // The way back stays open: only the effective ids moved.
+      CHILD_CHECK(getuid() == 0, 2);
+    }
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 3);
+    IF_RUN_AS(0, 0) { CHILD_CHECK(geteuid() == 0, 4); }
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(RunAsScopeTest, FailuresAreLoggedAndTheBlockRunsAnyway) {
+  SyslogCapture log;
+  const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
+    bool ran = false;
+    RecordLine(__LINE__ + 1);
+    IF_RUN_AS(0, 0) { ran = true; }
+    return ran ? 0 : 1;
+  });
+  EXPECT_EQ(rc, 0);
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].priority, kAuthErr);
+  EXPECT_EQ(lines[0].message,
+            "privilege_test.cc:" + RecordedLine() + " ERROR: IF_RUN_AS(0, 0)");
+}
+
+TEST(RunAsScopeTest, ARestoreThatFailsIsCritical) {
+  SyslogCapture log;
+  const User u = PackageUser();
+  const int rc = qsvtest::RunInChild([&] {
+    IF_RUN_AS(0, 0) {
+      CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(u.uid, u.uid, u.uid) == 0, 1);
+    }
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  const auto lines = log.Matching("ERROR: ~IF_RUN_AS(0, 0)");
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].priority, kAuthCrit);
+}
+
+TEST(UserRegionTest, ARootProcessDoesTheUsersWorkAsRoot) {
+  SyslogCapture log;
+  const User u = PackageUser();
+  const uid_t nobody = qsvtest::UidOf("nobody");
+  const gid_t nogroup = qsvtest::GidOf("nobody");
+  // Lowered to nobody but able to raise: the region raises to root instead of taking the user's ids.
+  const int rc = qsvtest::RunWithEffectiveIds(nobody, nogroup, [&] {
+    InUserRegion(u);
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 1);
+    OutUserRegion;
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_NE(lines[0].message.find(" InUserRegion gid"), std::string::npos);
+  EXPECT_NE(lines[1].message.find(" InUserRegion uid"), std::string::npos);
+  EXPECT_NE(lines[2].message.find(" OutUserRegion"), std::string::npos);
+  EXPECT_EQ(lines[0].priority & 7, 1);
+}
+
+TEST(UserRegionTest, WithoutRootTheUsersIdsAreTriedAndAFailureSaysWhy) {
+  SyslogCapture log;
+  const User self = PackageUser();
+  const User other = {qsvtest::UidOf("nobody"), qsvtest::GidOf("nobody")};
+  const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
+    InUserRegion(self);  // the user's own ids: allowed
+    CHILD_CHECK(geteuid() == self.uid, 1);
+    OutUserRegion;
+    RecordLine(__LINE__ + 1);
+    InUserRegion(other);
+    OutUserRegion;
+    return 0;
+  });
+  EXPECT_EQ(rc, 0);
+  const std::string ids = "uid:" + std::to_string(self.uid) + " gid:" + std::to_string(self.gid) +
+                          " euid:" + std::to_string(self.uid) +
+                          " egid:" + std::to_string(self.gid);
+  const auto lines = log.Lines();
+  std::vector<qsvtest::SyslogLine> gidErrors, uidErrors;
+  for (const auto &l : lines) {
+    if (l.message.find(" input gid:") != std::string::npos) gidErrors.push_back(l);
+    if (l.message.find(" UID ERROR: InUserRegion") != std::string::npos) uidErrors.push_back(l);
+  }
+  ASSERT_EQ(gidErrors.size(), 1u);
+  EXPECT_EQ(gidErrors[0].message, "privilege_test.cc:" + RecordedLine() +
+                                      " ERROR: InUserRegion " + ids +
+                                      " input gid:" + std::to_string(other.gid) +
+                                      " [Operation not permitted]");
+  EXPECT_EQ(gidErrors[0].priority & 7, 3);
+  ASSERT_EQ(uidErrors.size(), 1u);
+  EXPECT_NE(uidErrors[0].message.find(" input uid: " + std::to_string(other.uid) +
+                                      " [Operation not permitted]"),
+            std::string::npos);
+}
+
+}  // namespace

@@ -1,0 +1,158 @@
+#include "kolt/exec.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kolt/err.h"
+#include "test_util.h"
+
+extern char **environ;
+
+namespace {
+
+double Now() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return ts.tv_sec + ts.tv_nsec / 1e9;
+}
+
+std::string ReadAll(FILE *fp) {
+  std::string text;
+  char buf[512];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) text.append(buf, n);
+  return text;
+}
+
+// 'S' sleeping, 'Z' zombie, ...; 0 once the pid is gone.
+char ProcState(pid_t pid) {
+  std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  size_t paren = stat.rfind(')');
+  return paren == std::string::npos || paren + 2 >= stat.size() ? 0 : stat[paren + 2];
+}
+
+bool WaitFor(const std::function<bool()> &cond) {
+  for (double end = Now() + 5; !cond(); usleep(10000)) {
+    if (Now() > end) return false;
+  }
+  return true;
+}
+
+TEST(ExecTest, WaitingRunsReturnTheExitCode) {
+  EXPECT_EQ(7, KLIBCExec("/bin/sh", "-c", "exit 7", nullptr, KLIBC_EXEC_QUIET_WAIT));
+  EXPECT_EQ(0, KLIBCExec("/bin/true", nullptr, "after the first null", nullptr, 0));
+  EXPECT_EQ(3, KLIBCExecl("/bin/sh", 1, "-c", "exit $#", "x", "a", "b", "c", nullptr));
+  const char *const argv[] = {"sh", "-c", "exit 42", nullptr};
+  EXPECT_EQ(42, KLIBCExecv("/bin/sh", argv, KLIBC_EXEC_QUIET_WAIT));
+  KLIBSZLIST *args = nullptr;
+  KLIBCSzListPush(&args, "-c");
+  KLIBCSzListPush(&args, "exit 9");
+  EXPECT_EQ(9, KLIBCExecv("/bin/sh", args, KLIBC_EXEC_QUIET_WAIT));
+  KLIBCSzListFree(args);
+
+  EXPECT_EQ(-1, KLIBCExec("/no/such/program", nullptr, nullptr, nullptr, KLIBC_EXEC_QUIET_WAIT));
+  EXPECT_EQ(KLIBC_ERR_SYS(ENOENT), KLIBCErrGet());
+  EXPECT_EQ(-1, KLIBCExec("/no/such/program", nullptr, nullptr, nullptr, KLIBC_EXEC_QUIET_BACKGROUND));
+  EXPECT_EQ(-1, KLIBCExec("/bin/sh", "-c", "kill -KILL $$", nullptr, KLIBC_EXEC_QUIET_WAIT));
+  EXPECT_EQ(KLIBC_ERR_CHILD_KILLED, KLIBCErrGet());
+}
+
+TEST(ExecTest, PopenReadsOutputAndFeedsInput) {
+  // No shell between us and the program: nothing is expanded or split.
+  FILE *fp = KLIBCPopen("/usr/bin/printf", "r", "%s|", "a b", "$HOME", "'q';`x`", "*", nullptr);
+  ASSERT_NE(nullptr, fp);
+  EXPECT_EQ("a b|$HOME|'q';`x`|*|", ReadAll(fp));
+  EXPECT_EQ(0, KLIBCPclose(fp));
+
+  ScratchDir dir;
+  std::string out = dir / "fed";
+  const char *const argv[] = {"sh", "-c", "cat > \"$0\"; read -r x < \"$0\"; exit $x", out.c_str(), nullptr};
+  fp = KLIBCPopenv("/bin/sh", "w", argv);
+  ASSERT_NE(nullptr, fp);
+  fputs("5\nsecond line\n", fp);
+  EXPECT_EQ(5, KLIBCPclose(fp));
+  EXPECT_EQ("5\nsecond line\n", ReadFile(out));
+
+  FILE *plain = fopen("/dev/null", "re");
+  EXPECT_EQ(-1, KLIBCPclose(plain));
+  EXPECT_EQ(0, fclose(plain));  // still open, still ours
+}
+
+TEST(ExecTest, ConcurrentPopensKeepTheirOwnChildren) {
+  std::vector<std::thread> threads;
+  std::vector<int> codes(8, -2);
+  std::vector<std::string> outputs(8);
+  for (int i = 0; i < 8; i++) {
+    threads.emplace_back([i, &codes, &outputs] {
+      std::string n = std::to_string(i);
+      FILE *fp = KLIBCPopen("/bin/sh", "r", "-c", "sleep 0.1; echo $0; exit $0", n.c_str(), nullptr);
+      if (fp == nullptr) return;
+      outputs[i] = ReadAll(fp);
+      codes[i] = KLIBCPclose(fp);
+    });
+  }
+  for (auto &t : threads) t.join();
+  for (int i = 0; i < 8; i++) {
+    EXPECT_EQ(i, codes[i]);
+    EXPECT_EQ(std::to_string(i) + "\n", outputs[i]);
+  }
+}
+
+TEST(ExecTest, QuietRunsGetDevNullAndTheirOwnSession) {
+  const char *check =
+      "for fd in 0 1 2; do test \"$(readlink /proc/$$/fd/$fd)\" = /dev/null || exit 10; done;"
+      "set -- $(cut -d')' -f2 /proc/$$/stat); test \"$4\" = $$ || exit 11";
+  EXPECT_EQ(0, KLIBCExec("/bin/sh", "-c", check, nullptr, KLIBC_EXEC_QUIET_WAIT));
+  EXPECT_EQ(11, KLIBCExec("/bin/sh", "-c", check, nullptr, KLIBC_EXEC_QUIET_WAIT & ~KLIBC_EXEC_SETSID));
+}
+
+TEST(ExecTest, ChildrenSeeOnlyStdio) {
+  int fd = open("/dev/null", O_RDONLY);
+  ASSERT_EQ(42, dup2(fd, 42));  // dup2 leaves 42 inheritable
+  close(fd);
+
+  // A plain spawn does pass 42 on, and the probe sees it.
+  const char *const probe[] = {"sh", "-c", "test -e /proc/$$/fd/42", nullptr};
+  pid_t pid;
+  int status = 0;
+  ASSERT_EQ(0, posix_spawn(&pid, "/bin/sh", nullptr, nullptr, const_cast<char *const *>(probe), environ));
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+
+  EXPECT_EQ(1, KLIBCExecv("/bin/sh", probe, 0));
+  EXPECT_EQ(1, KLIBCExecv("/bin/sh", probe, KLIBC_EXEC_QUIET_WAIT));
+  FILE *fp = KLIBCPopen("/bin/sh", "r", "-c", "ls /proc/$$/fd; true", nullptr);
+  ASSERT_NE(nullptr, fp);
+  EXPECT_EQ("0\n1\n2\n", ReadAll(fp));
+  EXPECT_EQ(0, KLIBCPclose(fp));
+  close(42);
+}
+
+TEST(ExecTest, BackgroundRunsReturnAtOnceAndAreReapedLater) {
+  ScratchDir dir;
+  std::string pidFile = dir / "pid";
+  std::string script = "echo $$ > " + pidFile + "; exec sleep 2";
+  double start = Now();
+  ASSERT_EQ(0, KLIBCExec("/bin/sh", "-c", script.c_str(), nullptr, KLIBC_EXEC_QUIET_BACKGROUND));
+  EXPECT_LT(Now() - start, 0.5);
+  ASSERT_TRUE(WaitFor([&] { return ReadFile(pidFile).find('\n') != std::string::npos; }));
+  pid_t pid = std::stoi(ReadFile(pidFile));
+  EXPECT_NE(0, ProcState(pid));
+
+  // Once it ends it waits as a zombie until the next run collects it.
+  ASSERT_TRUE(WaitFor([&] { return ProcState(pid) == 'Z'; }));
+  EXPECT_EQ(0, KLIBCExec("/bin/true", nullptr, nullptr, nullptr, 0));
+  EXPECT_EQ(0, ProcState(pid));
+  EXPECT_EQ(-1, waitpid(pid, nullptr, WNOHANG));
+}
+
+}  // namespace

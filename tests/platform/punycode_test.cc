@@ -1,0 +1,89 @@
+#include "eai/punycode.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using KOLT::QUILLON_SERVER::ConvertToPunycode;
+using KOLT::QUILLON_SERVER::ConvertToPunycodeOrUTF8;
+using KOLT::QUILLON_SERVER::ConvertToUTF8;
+
+std::string Ascii(const std::string &in) {
+  std::string out = "<untouched>";
+  return ConvertToPunycode(in, out) == 0 ? out : "<fail>" + out;
+}
+
+std::string Unicode(const std::string &in) {
+  std::string out = "<untouched>";
+  return ConvertToUTF8(in, out) == 0 ? out : "<fail>" + out;
+}
+
+TEST(PunycodeTest, DomainsRoundTrip) {
+  struct {
+    const char *unicode;
+    const char *ascii;
+  } pairs[] = {
+      {"bücher.example", "xn--bcher-kva.example"},
+      {"例子.广告", "xn--fsqu00a.xn--4rr70v"},
+      {"mail.bücher.example.", "mail.xn--bcher-kva.example."},
+      {"faß.de", "xn--fa-hia.de"},  // IDNA2008 keeps the sharp s
+      {"*.bücher.example", "*.xn--bcher-kva.example"},
+      {".bücher.example", ".xn--bcher-kva.example"},
+  };
+  for (auto &p : pairs) {
+    EXPECT_EQ(p.ascii, Ascii(p.unicode));
+    EXPECT_EQ(p.unicode, Unicode(p.ascii));
+  }
+  EXPECT_EQ("xn--bcher-kva.example", Ascii("Bücher.EXAMPLE"));
+  EXPECT_EQ("bücher.example", Unicode("XN--BCHER-KVA.Example"));
+  // Symbols only the older rules admit still convert.
+  EXPECT_EQ("xn--n3h.com", Ascii("\xe2\x98\x83.com"));
+  EXPECT_EQ("\xe2\x98\x83.com", Unicode("xn--n3h.com"));
+}
+
+TEST(PunycodeTest, AddressesConvertOnlyTheDomain) {
+  EXPECT_EQ("用户@xn--fsqu00a.xn--4rr70v", Ascii("用户@例子.广告"));
+  EXPECT_EQ("用户@例子.广告", Unicode("用户@xn--fsqu00a.xn--4rr70v"));
+  EXPECT_EQ("Xn--Local@bücher.example", Unicode("Xn--Local@xn--bcher-kva.example"));
+  EXPECT_EQ("\"a@b\"@xn--bcher-kva.example", Ascii("\"a@b\"@bücher.example"));
+  EXPECT_EQ("@xn--bcher-kva.example", Ascii("@bücher.example"));
+}
+
+TEST(PunycodeTest, AsciiFormIsLowerCaseUtf8FormKeepsPlainText) {
+  EXPECT_EQ("user@mail.example.com", Ascii("user@Mail.Example.COM"));
+  EXPECT_EQ("user@Mail.Example.COM", Unicode("user@Mail.Example.COM"));
+  for (const char *plain : {"", "_dmarc.example", "*", "a..b"}) {
+    EXPECT_EQ(plain, Ascii(plain));
+    EXPECT_EQ(plain, Unicode(plain));
+  }
+  // An embedded NUL would cut the domain short.
+  EXPECT_EQ("<fail><untouched>", Ascii(std::string("bü\0cher.de", 11)));
+}
+
+TEST(PunycodeTest, InvalidInputFailsAndLeavesOutAlone) {
+  EXPECT_EQ("<fail><untouched>", Ascii("a\xff.com"));          // not UTF-8
+  EXPECT_EQ("<fail><untouched>", Ascii("ab--cü.de"));          // hyphens at 3-4
+  EXPECT_EQ("<fail><untouched>", Ascii("user@-bü.de"));
+  EXPECT_EQ("<fail><untouched>", Unicode("xn--zz.example"));   // not punycode
+  EXPECT_EQ("<fail><untouched>", Unicode("xn--a.com"));        // decodes to nothing
+  EXPECT_EQ("<fail><untouched>", Unicode("xn--99999999999.com"));
+}
+
+TEST(PunycodeTest, EitherWayPicksTheOtherSpelling) {
+  std::string out = "<untouched>";
+  EXPECT_TRUE(ConvertToPunycodeOrUTF8("bücher.example", out));
+  EXPECT_EQ("xn--bcher-kva.example", out);
+  EXPECT_TRUE(ConvertToPunycodeOrUTF8("user@xn--bcher-kva.example", out));
+  EXPECT_EQ("user@bücher.example", out);
+
+  out = "<untouched>";
+  EXPECT_FALSE(ConvertToPunycodeOrUTF8("mail.example.com", out));
+  EXPECT_FALSE(ConvertToPunycodeOrUTF8("用户@example.com", out));  // nothing to convert
+  EXPECT_FALSE(ConvertToPunycodeOrUTF8("xn--zz.example", out));
+  EXPECT_FALSE(ConvertToPunycodeOrUTF8("", out));
+  EXPECT_EQ("<untouched>", out);
+}
+
+}  // namespace
