@@ -1,0 +1,258 @@
+#!/bin/bash
+# This node's part of the cluster: the key store (Redis on 8500), the file buffer (memcached on
+# 8502, on the master balancer only) and the key watcher. The library runs it by path:
+#
+#   ClusterDaemon.sh status|start|stop|backend_restart|watch_restart
+#
+# A node belongs to a cluster while etc/redis/redis.conf exists; without it there is nothing to
+# run. status exits 0 only when this node's store answers and, on a replica, is linked to its
+# master.
+
+target=/var/packages/Quillon-Server/target
+etc=/var/packages/Quillon-Server/etc
+conf=$etc/mailconf.d
+redis_conf=$etc/redis/redis.conf
+run=/var/run/quillon_server
+lock=/var/lock/quillon_server/cluster_daemon.lock
+
+tool=$target/usr/bin/kolt-quillon-server-go-utils
+redis_cli=$target/bin/redis-cli
+redis_server=$target/bin/redis-server
+memcached=$target/bin/memcached
+watcher=$target/usr/bin/kolt-quillon-server-key-watcher
+
+redis_pid=$run/redis.pid
+memcached_pid=$run/file_buffer_memcached.pid
+watcher_pid=$run/key_watcher.pid
+
+redis_port=8500
+memcached_port=8502
+
+log() {
+    echo "ClusterDaemon.sh: $*" >&2
+}
+
+# Runs redis-cli against this node's store. The password travels in the environment, which other
+# users cannot read, rather than on the command line, which they can.
+password=$("$tool" conf-value --file "$etc/backend.conf" --member password 2>/dev/null)
+cli() {
+    if [ -n "$password" ]; then
+        REDISCLI_AUTH=$password timeout 5 "$redis_cli" -h 127.0.0.1 -p $redis_port "$@" 2>/dev/null
+    else
+        env -u REDISCLI_AUTH timeout 5 "$redis_cli" -h 127.0.0.1 -p $redis_port "$@" 2>/dev/null
+    fi
+}
+
+redis_answers() {
+    [ "$(cli ping)" = PONG ]
+}
+
+memcached_answers() {
+    (
+        exec 3<>"/dev/tcp/127.0.0.1/$memcached_port" || exit 1
+        printf 'version\r\n' >&3
+        read -r -t 2 reply <&3 || exit 1
+        [[ $reply == VERSION* ]]
+    ) 2>/dev/null
+}
+
+# True while process $1 exists and has not ended (an ended child whose parent has not collected
+# it yet still has a pid, but is gone for our purposes).
+alive() {
+    local stat
+    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
+    stat=${stat##*) }
+    [ "${stat%% *}" != Z ]
+}
+
+# Prints the pid kept in pid file $1 when that process is alive and runs program $2. A stale pid
+# file may name a process that has since reused the number, hence the name check.
+running_pid() {
+    local pid="" cmdline
+    [ -r "$1" ] && read -r pid <"$1"
+    case $pid in '' | *[!0-9]*) return 1 ;; esac
+    alive "$pid" || return 1
+    cmdline=$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)
+    [[ " $cmdline " == *"/$2 "* || " $cmdline " == *" $2 "* ]] || return 1
+    echo "$pid"
+}
+
+# Waits until process $1 is gone; after $2 seconds it is killed.
+wait_gone() {
+    local i
+    for ((i = 0; i < $2 * 10; i++)); do
+        alive "$1" || return 0
+        sleep 0.1
+    done
+    log "process $1 did not stop in $2 s; killing it"
+    kill -KILL "$1" 2>/dev/null
+    sleep 0.1
+}
+
+# Stops the program of pid file $1 named $2 with SIGTERM.
+stop_by_pid_file() {
+    local pid
+    if pid=$(running_pid "$1" "$2"); then
+        kill -TERM "$pid" 2>/dev/null
+        wait_gone "$pid" 10
+    fi
+    rm -f "$1"
+}
+
+# The balancer master node's id is mirrored in mailconf.d; this node is it when the ids agree.
+is_master_balancer() {
+    local master me
+    master=$("$tool" conf-value --file "$conf/balancer_master_node" 2>/dev/null) || return 1
+    me=$("$tool" conf-value --file "$conf/local_id_file" --member id 2>/dev/null) || return 1
+    [ -n "$me" ] && [ "$master" = "$me" ]
+}
+
+# Daemons are started with the lock's descriptor closed (9>&-): one that kept it would hold the
+# lock for as long as it runs.
+
+start_redis() {
+    local i
+    redis_answers && return 0
+    mkdir -p "$run"
+    if ! "$redis_server" "$redis_conf" </dev/null >/dev/null 2>&1 9>&-; then
+        log "redis-server refused to start with $redis_conf; see its log file"
+        return 1
+    fi
+    # Loading a large append-only file takes a while; the store answers LOADING until done.
+    for ((i = 0; i < 100; i++)); do
+        redis_answers && return 0
+        sleep 0.1
+    done
+    log "the key store did not answer within 10 s"
+    return 1
+}
+
+stop_redis() {
+    local pid
+    pid=$(running_pid "$redis_pid" redis-server)
+    # SHUTDOWN still flushes the append-only file; NOSAVE only skips the snapshot.
+    if redis_answers; then
+        cli shutdown nosave >/dev/null
+    elif [ -n "$pid" ]; then
+        kill -TERM "$pid" 2>/dev/null
+    fi
+    if [ -n "$pid" ]; then
+        wait_gone "$pid" 15
+    fi
+    local i
+    for ((i = 0; i < 50; i++)); do
+        redis_answers || return 0
+        sleep 0.1
+    done
+    log "the key store on port $redis_port still answers"
+    return 1
+}
+
+start_memcached() {
+    local i user=()
+    memcached_answers && return 0
+    running_pid "$memcached_pid" memcached >/dev/null && return 0
+    mkdir -p "$run"
+    # memcached refuses to run as root unless told to.
+    [ "$(id -u)" = 0 ] && user=(-u root)
+    if ! "$memcached" -d "${user[@]}" -l 127.0.0.1 -p $memcached_port -U 0 \
+            -P "$memcached_pid" </dev/null >/dev/null 2>&1 9>&-; then
+        log "memcached refused to start"
+        return 1
+    fi
+    for ((i = 0; i < 50; i++)); do
+        memcached_answers && return 0
+        sleep 0.1
+    done
+    log "the file buffer did not answer on port $memcached_port within 5 s"
+    return 1
+}
+
+start_watcher() {
+    [ -x "$watcher" ] || return 0
+    running_pid "$watcher_pid" "${watcher##*/}" >/dev/null && return 0
+    mkdir -p "$run"
+    # Not a group leader (no job control here), so setsid runs the watcher itself and $! is its
+    # pid.
+    setsid "$watcher" </dev/null >/dev/null 2>&1 9>&- &
+    echo $! >"$watcher_pid"
+}
+
+stop_watcher() {
+    stop_by_pid_file "$watcher_pid" "${watcher##*/}"
+}
+
+status() {
+    local info role
+    [ -f "$redis_conf" ] || return 1
+    redis_answers || return 1
+    info=$(cli info replication | tr -d '\r')
+    role=$(sed -n 's/^role://p' <<<"$info")
+    case $role in
+        master) return 0 ;;
+        slave) [ "$(sed -n 's/^master_link_status://p' <<<"$info")" = up ] ;;
+        *) return 1 ;;
+    esac
+}
+
+need_cluster() {
+    if [ ! -f "$redis_conf" ]; then
+        log "this node is not part of a cluster: $redis_conf is missing"
+        exit 1
+    fi
+}
+
+# Starts, stops and restarts are serialised; status is not, since it changes nothing.
+take_lock() {
+    mkdir -p "${lock%/*}"
+    exec 9>"$lock"
+    flock -w 60 9 || log "waited 60 s for $lock; going on without it"
+}
+
+# The library caches the answer of status in this directory, and the daemons of the suite keep
+# their service states there; it lives in /tmp and so must be made again after each boot.
+mkdir -p /tmp/quillon_server/service_status
+
+case $1 in
+    status)
+        status
+        exit $?
+        ;;
+    start)
+        need_cluster
+        take_lock
+        start_redis || exit 1
+        if is_master_balancer; then
+            start_memcached
+        fi
+        start_watcher
+        redis_answers
+        exit $?
+        ;;
+    stop)
+        take_lock
+        stop_watcher
+        stop_by_pid_file "$memcached_pid" memcached
+        stop_redis
+        exit 0
+        ;;
+    backend_restart)
+        need_cluster
+        take_lock
+        stop_redis
+        start_redis
+        exit $?
+        ;;
+    watch_restart)
+        take_lock
+        if [ -x "$watcher" ]; then
+            stop_watcher
+            start_watcher
+        fi
+        exit 0
+        ;;
+    *)
+        echo "usage: $0 status|start|stop|backend_restart|watch_restart" >&2
+        exit 1
+        ;;
+esac

@@ -1,0 +1,96 @@
+#include "kolt/netif.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <errno.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <string.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "kolt/err.h"
+
+namespace {
+
+int PrefixLength(const sockaddr_in6 *mask) {
+  int bits = 0;
+  for (unsigned char byte : mask->sin6_addr.s6_addr) {
+    for (; byte & 0x80; byte = static_cast<unsigned char>(byte << 1)) ++bits;
+  }
+  return bits;
+}
+
+// "static", "dhcp" or "" for `ifName` in one interfaces file.
+std::string MethodIn(const std::string &path, const std::string &ifName) {
+  std::ifstream in(path);
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream words(line);
+    std::string iface, name, family, method;
+    if (words >> iface >> name >> family >> method && iface == "iface" && name == ifName) {
+      return method;
+    }
+  }
+  return "";
+}
+
+}  // namespace
+
+int KOLTNetIFEnum(KOLTNETIF *entries, int max) {
+  ifaddrs *all = nullptr;
+  if (getifaddrs(&all) != 0) {
+    KLIBC_ERR_SET(KLIBC_ERR_SYS(errno));
+    return -1;
+  }
+  int count = 0;
+  for (ifaddrs *a = all; a != nullptr; a = a->ifa_next) {
+    if (a->ifa_addr == nullptr) continue;
+    const int family = a->ifa_addr->sa_family;
+    if (family != AF_INET && family != AF_INET6) continue;
+    if (count < max && entries != nullptr) {
+      KOLTNETIF &e = entries[count];
+      memset(&e, 0, sizeof(e));
+      snprintf(e.name, sizeof(e.name), "%s", a->ifa_name);
+      e.isUp = (a->ifa_flags & IFF_UP) ? 1 : 0;
+      if (family == AF_INET) {
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in *>(a->ifa_addr)->sin_addr, e.ip,
+                  sizeof(e.ip));
+        if (a->ifa_netmask != nullptr) {
+          inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in *>(a->ifa_netmask)->sin_addr, e.mask,
+                    sizeof(e.mask));
+        }
+      } else {
+        inet_ntop(AF_INET6, &reinterpret_cast<sockaddr_in6 *>(a->ifa_addr)->sin6_addr, e.ip,
+                  sizeof(e.ip));
+        if (a->ifa_netmask != nullptr) {
+          snprintf(e.mask, sizeof(e.mask), "%d",
+                   PrefixLength(reinterpret_cast<sockaddr_in6 *>(a->ifa_netmask)));
+        }
+      }
+    }
+    ++count;
+  }
+  freeifaddrs(all);
+  return count;
+}
+
+int KOLTNetIfIsStaticIP(const char *ifName) {
+  if (ifName == nullptr || if_nametoindex(ifName) == 0) {
+    KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
+    return -1;
+  }
+  if (strcmp(ifName, "lo") == 0) return 1;
+  std::string method = MethodIn("/etc/network/interfaces", ifName);
+  if (DIR *dir = opendir("/etc/network/interfaces.d")) {
+    while (dirent *entry = readdir(dir)) {
+      if (entry->d_name[0] == '.' || !method.empty()) continue;
+      method = MethodIn(std::string("/etc/network/interfaces.d/") + entry->d_name, ifName);
+    }
+    closedir(dir);
+  }
+  return method == "static" ? 1 : 0;
+}

@@ -1,0 +1,109 @@
+// One node's view of the cluster: who it is, which address and interface it uses, who its peers
+// are, which roles it holds, whether the cluster is healthy, and the service sync flags by which
+// a changed setting reaches the services of the other nodes.
+//
+// Built on the stack wherever it is needed: the constructor and most questions read local files
+// only (the key mirrors under mailconf.d and the cached health). An object is not shared between
+// threads; it caches the id to address map it first read.
+#ifndef MAILSERVER_CLUSTER_MAILSERVER_CLUSTER_H_
+#define MAILSERVER_CLUSTER_MAILSERVER_CLUSTER_H_
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "cluster/backendWrapper.h"
+#include "foundation/export.h"
+
+namespace KOLT {
+namespace QUILLON_SERVER {
+
+enum NodeRole { NODE_ROLE_MAILER = 0, NODE_ROLE_STORAGER = 1, NODE_ROLE_BALANCER = 2 };
+
+struct Role {
+  bool mailer = false;
+  bool storager = false;
+  bool balancer = false;
+  bool balancerMaster = false;
+};
+
+// 1 is the normal state (no key in the store); 2 is what an unhealthy cluster answers.
+enum ClusterStatus : int { CLUSTER_STATUS_NORMAL = 1, CLUSTER_STATUS_UNHEALTHY = 2 };
+
+// The state of one service on one node.
+enum ServStatus : int {
+  SERV_STATUS_STOPPED = 0,
+  SERV_STATUS_RUNNING = 1,
+  SERV_STATUS_ERROR = 2,
+  SERV_STATUS_SYNCING = 4,
+};
+
+class QSV_EXPORT KOLTMailNodeCluster : public QuillonServerBACKENDWrap {
+ public:
+  // Error codes: nothing known yet, the cluster is changing, an address conflict.
+  enum { ERR_INIT = 8, ERR_CHANGING = 9, ERR_ADDRESS_CONFLICT = 10 };
+
+  KOLTMailNodeCluster();
+
+  // Identity.
+  bool isClusterInited();
+  std::string getHostID();
+  std::string getHostIP();
+  std::string getHostIF();
+  std::string getBalancerIF();
+  bool isIFStatic(const std::string &ifName);
+  int getErrorCode();
+
+  // Peers and addresses.
+  void listKeySplitByToken(const std::string &key, std::vector<std::string> &out,
+                           const std::string &token);
+  bool listPeers(std::vector<std::string> &ids);
+  bool listBackendPeers(std::vector<std::string> &ids);
+  int getPeersNum();
+  bool listPeersIP(std::vector<std::string> &ips);
+  void loadIdIpMap();
+  std::string idToIP(const std::string &id);
+  std::string ipToID(const std::string &ip);
+  bool getNodeIPIFMap(std::map<std::string, std::string> &ipToIf);
+  bool getNodeIPList(std::vector<std::string> &ips);
+  std::string searchHostIP(const std::vector<std::string> &ips);
+
+  // Roles.
+  bool nodeRoleGet(Role &role);
+  bool getMasterBalancer(std::string &ip);
+  bool isBlancerMaster();
+
+  // Health and state. With `useCache` the answer comes from the file the last check wrote; without
+  // it ClusterDaemon.sh is asked, and its answer is written to that file.
+  bool isClusterHealth(bool useCache);
+  bool waitClusterHealth(int tries);
+  bool waitCallbackReady(int seconds, unsigned long expected);
+  // Throws boost::bad_lexical_cast when the stored status isn't a number.
+  ClusterStatus getClusterStatus();
+  void setClusterStatus(ClusterStatus status);
+  bool isClusterSyncing();
+
+  void suspendMailEventDispatcher();
+  void unSuspendMailEventDispatcher();
+  bool isSuspendMailEventDispatcher();
+
+  // Service sync. Raising (done false) sets the flag key with `ttl`; lowering waits a little for a
+  // service in error, then removes the key and its local mirror.
+  bool setServiceSync(const std::string &service, const std::string &nodeId, bool done, int ttl,
+                      const std::string &tag);
+  bool isServiceSync(const std::string &service, const std::string &nodeId,
+                     const std::string &tag);
+  // The state of `service` on each node of its role, by node address.
+  bool getService(const std::string &service, std::map<std::string, ServStatus> &status);
+
+ private:
+  std::string hostIP_;
+  std::string hostID_;
+  std::map<std::string, std::string> idIpMap_;
+  int errorCode_;
+};
+
+}  // namespace QUILLON_SERVER
+}  // namespace KOLT
+
+#endif  // MAILSERVER_CLUSTER_MAILSERVER_CLUSTER_H_

@@ -1,0 +1,124 @@
+// mailserverctl: the command-line front end of the library for an administrator of one machine.
+//
+//   mailserverctl setup [--address IP]
+//   mailserverctl conf get KEY
+//   mailserverctl conf set KEY VALUE [KEY VALUE ...]
+//   mailserverctl cluster status
+//   mailserverctl backend start|stop
+//
+// Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "cluster/mailserver_cluster.h"
+#include "config/mail_conf.h"
+#include "core/mail_conf.h"
+#include "kolt/exec.h"
+#include "mailserverctl/one_node_setup.h"
+
+using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
+using KOLT::QUILLON_SERVER::Role;
+
+namespace {
+
+const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
+
+int Usage() {
+  fprintf(stderr,
+          "usage: mailserverctl setup [--address IP]\n"
+          "       mailserverctl conf get KEY\n"
+          "       mailserverctl conf set KEY VALUE [KEY VALUE ...]\n"
+          "       mailserverctl cluster status\n"
+          "       mailserverctl backend start|stop\n");
+  return 2;
+}
+
+int Error(const std::string &message) {
+  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
+  return 1;
+}
+
+int ConfGet(const std::string &key) {
+  std::string value;
+  if (mailConfGet(key, value) < 0) return Error("cannot read " + key + ": its file is damaged");
+  printf("%s\n", value.c_str());
+  return 0;
+}
+
+int ConfSet(const std::vector<std::string> &args) {
+  if (args.size() == 2) {
+    if (mailConfSet(args[0], args[1], true, 0) != 0) {
+      return Error("refused to write " + args[0] +
+                   ": the cluster is not healthy or the backend refused it (see the system log)");
+    }
+    return 0;
+  }
+  std::map<std::string, std::string> pairs;
+  for (size_t i = 0; i + 1 < args.size(); i += 2) pairs[args[i]] = args[i + 1];
+  if (mailConfSet(pairs) != 0) {
+    return Error("some keys were not written: the cluster is not healthy or the backend refused "
+                 "them (see the system log)");
+  }
+  return 0;
+}
+
+const char *YesNo(bool b) { return b ? "yes" : "no"; }
+
+int ClusterStatus() {
+  KOLTMailNodeCluster node;
+  const bool inited = node.isClusterInited();
+  printf("inited:          %s\n", YesNo(inited));
+  if (!inited) return 0;
+  printf("healthy:         %s\n", YesNo(node.isClusterHealth(false)));
+  printf("host id:         %s\n", node.getHostID().c_str());
+  printf("host address:    %s\n", node.getHostIP().c_str());
+  Role role;
+  node.nodeRoleGet(role);
+  std::string roles;
+  if (role.mailer) roles += " mailer";
+  if (role.storager) roles += " storager";
+  if (role.balancer) roles += " balancer";
+  printf("roles:          %s\n", roles.empty() ? " none" : roles.c_str());
+  std::string master;
+  node.getMasterBalancer(master);
+  printf("master balancer: %s%s\n", master.c_str(), role.balancerMaster ? " (this node)" : "");
+  printf("syncing:         %s\n", YesNo(node.isClusterSyncing()));
+  return 0;
+}
+
+int Backend(const std::string &word) {
+  if (word != "start" && word != "stop") return Usage();
+  const int rc = KLIBCExec(kClusterDaemon, word.c_str(), nullptr, nullptr, 0);
+  // The cached health must follow at once: writers consult it before they try the backend.
+  KOLTMailNodeCluster node;
+  node.isClusterHealth(false);
+  if (rc != 0) return Error("ClusterDaemon.sh " + word + " failed with status " + std::to_string(rc));
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  if (args.empty()) return Usage();
+  const std::string &command = args[0];
+  if (command == "setup") {
+    std::string address = "127.0.0.1";
+    if (args.size() == 3 && args[1] == "--address") {
+      address = args[2];
+    } else if (args.size() != 1) {
+      return Usage();
+    }
+    return mailserverctl::SetUpOneNode(address) ? 0 : 1;
+  }
+  if (command == "conf" && args.size() == 3 && args[1] == "get") return ConfGet(args[2]);
+  if (command == "conf" && args.size() >= 4 && args[1] == "set" && args.size() % 2 == 0) {
+    return ConfSet(std::vector<std::string>(args.begin() + 2, args.end()));
+  }
+  if (command == "cluster" && args.size() == 2 && args[1] == "status") return ClusterStatus();
+  if (command == "backend" && args.size() == 2) return Backend(args[1]);
+  return Usage();
+}
