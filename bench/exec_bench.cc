@@ -6,11 +6,12 @@
 
 #include <cstdio>
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+
+#include "ratio_reporter.h"
 
 #include "kolt/exec.h"
 
@@ -53,40 +54,14 @@ void DropBigHeap(const benchmark::State &) {
   bigHeap = nullptr;
 }
 
-BENCHMARK(BareSpawn)->Name("bare_spawn/empty_heap")->UseRealTime();
-BENCHMARK(KlibcExec)->Name("KLIBCExec/empty_heap")->UseRealTime();
+BENCHMARK(BareSpawn)->Name("bare_spawn/empty_heap")->UseRealTime()->Repetitions(3)
+    ->ReportAggregatesOnly(true);
+BENCHMARK(KlibcExec)->Name("KLIBCExec/empty_heap")->UseRealTime()->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 BENCHMARK(BareSpawn)->Name("bare_spawn/1GB_heap")->Setup(HoldBigHeap)->Teardown(DropBigHeap)
-    ->UseRealTime();
+    ->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
 BENCHMARK(KlibcExec)->Name("KLIBCExec/1GB_heap")->Setup(HoldBigHeap)->Teardown(DropBigHeap)
-    ->UseRealTime();
-
-// Keeps each run's time per iteration so that the ratios can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run> &runs) override {
-    for (const auto &run : runs) {
-      if (run.run_type == Run::RT_Iteration) times_[run.benchmark_name()] = run.GetAdjustedRealTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRatios() const {
-    auto get = [&](const char *name) {
-      for (const auto &[key, value] : times_) {
-        if (key.rfind(name, 0) == 0) return value;
-      }
-      return 0.0;
-    };
-    const double bare = get("bare_spawn/empty_heap"), exec = get("KLIBCExec/empty_heap");
-    const double bareBig = get("bare_spawn/1GB_heap"), execBig = get("KLIBCExec/1GB_heap");
-    if (bare <= 0 || exec <= 0 || bareBig <= 0 || execBig <= 0) return;
-    printf("\nKLIBCExec / bare posix_spawn, empty heap: %.3f (goal <= 1.10)\n", exec / bare);
-    printf("KLIBCExec / bare posix_spawn, 1 GB heap:  %.3f\n", execBig / bareBig);
-    printf("KLIBCExec 1 GB heap / empty heap:         %.3f (goal <= 1.20)\n", execBig / exec);
-  }
-
- private:
-  std::map<std::string, double> times_;
-};
+    ->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
 
 }  // namespace
 
@@ -94,7 +69,13 @@ int main(int argc, char **argv) {
   benchmark::Initialize(&argc, argv);
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  printf("\n");
+  reporter.PrintRatio("KLIBCExec / bare posix_spawn, empty heap", "KLIBCExec/empty_heap",
+                      "bare_spawn/empty_heap", "(goal <= 1.10)");
+  reporter.PrintRatio("KLIBCExec / bare posix_spawn, 1 GB heap", "KLIBCExec/1GB_heap",
+                      "bare_spawn/1GB_heap");
+  reporter.PrintRatio("KLIBCExec, 1 GB heap / empty heap", "KLIBCExec/1GB_heap",
+                      "KLIBCExec/empty_heap", "(goal <= 1.20)");
   benchmark::Shutdown();
   return 0;
 }
