@@ -1,11 +1,11 @@
 #include "core/mail_conf.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <sstream>
+#include <memory>
 
 #include "core/key_tree_store.h"
 #include "kolt/file.h"
@@ -48,32 +48,48 @@ std::string toLeagalFileName(const std::string &key) {
   return file;
 }
 
-int loadMailJsonFromFile(const std::string &fileName, Json::Value &json, const std::string &dir) {
-  std::ifstream in(dir + fileName, std::ios::binary);
-  if (!in) return -1;
-  std::ostringstream text;
-  text << in.rdbuf();
-  Json::CharReaderBuilder builder;
+namespace {
+
+// The whole file, or false when it can't be opened or read. ENOENT is left in errno for callers
+// that treat a missing file as an empty one.
+bool ReadWhole(const std::string &path, std::string &text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof(buffer))) > 0) text.append(buffer, static_cast<size_t>(n));
+  const int saved = errno;
+  close(fd);
+  errno = saved;
+  return n == 0;
+}
+
+bool ParseJson(const std::string &text, Json::Value &json) {
+  // Building a reader costs more than parsing a key file: one per thread, made once.
+  thread_local std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   std::string errors;
-  std::istringstream stream(text.str());
+  return reader->parse(text.data(), text.data() + text.size(), &json, &errors);
+}
+
+}  // namespace
+
+int loadMailJsonFromFile(const std::string &fileName, Json::Value &json, const std::string &dir) {
+  std::string text;
   Json::Value parsed;
-  if (!Json::parseFromStream(builder, stream, &parsed, &errors)) return -1;
-  json = parsed;
+  if (!ReadWhole(dir + fileName, text) || !ParseJson(text, parsed)) return -1;
+  json = std::move(parsed);
   return 0;
 }
 
 int mailConfGet(const std::string &key, std::string &value) {
   value.clear();
-  const std::string fileName = toLeagalFileName(key);
-  if (access((kMailConfDir + fileName).c_str(), F_OK) != 0) return errno == ENOENT ? 0 : -1;
+  std::string text;
+  if (!ReadWhole(kMailConfDir + toLeagalFileName(key), text)) return errno == ENOENT ? 0 : -1;
   Json::Value json;
-  if (loadMailJsonFromFile(fileName, json, kMailConfDir) != 0 || !json.isObject()) return -1;
-  const Json::Value &member = json[KeyTreeStore::instance()->keyComplete(key)];
-  if (member.isString()) {
-    value = member.asString();
-  } else if (!member.isNull() && member.isConvertibleTo(Json::stringValue)) {
-    value = member.asString();
-  }
+  if (!ParseJson(text, json) || !json.isObject()) return -1;
+  const std::string name = KeyTreeStore::instance()->keyComplete(key);
+  const Json::Value *member = json.find(name.data(), name.data() + name.size());
+  if (member != nullptr && member->isConvertibleTo(Json::stringValue)) value = member->asString();
   return 0;
 }
 
