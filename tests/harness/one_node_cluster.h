@@ -1,0 +1,32 @@
+// A one-node cluster for the duration of the object: `mailserverctl setup` of the build under
+// test (Redis on 8500 with a password, the file buffer on 8502, the node's keys, health "yes"),
+// stopped again by ClusterDaemon.sh when the object goes. Throws std::runtime_error when the setup
+// fails. One at a time per sandbox.
+#ifndef MAILSERVER_TESTS_HARNESS_ONE_NODE_CLUSTER_H_
+#define MAILSERVER_TESTS_HARNESS_ONE_NODE_CLUSTER_H_
+
+#include <string>
+
+namespace qsvtest {
+
+class OneNodeCluster {
+ public:
+  OneNodeCluster();
+  ~OneNodeCluster();
+  OneNodeCluster(const OneNodeCluster &) = delete;
+  OneNodeCluster &operator=(const OneNodeCluster &) = delete;
+
+  const std::string &hostId() const { return hostId_; }
+  const std::string &password() const { return password_; }
+
+ private:
+  std::string hostId_;
+  std::string password_;
+};
+
+// Runs a program of the package or the build with its arguments and returns its exit status.
+int RunProgram(const std::string &path, const std::string &arg1 = "", const std::string &arg2 = "");
+
+}  // namespace qsvtest
+
+#endif  // MAILSERVER_TESTS_HARNESS_ONE_NODE_CLUSTER_H_
