@@ -6,6 +6,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <fstream>
@@ -93,4 +94,50 @@ int KOLTNetIfIsStaticIP(const char *ifName) {
     closedir(dir);
   }
   return method == "static" ? 1 : 0;
+}
+
+namespace {
+
+bool ParseIPv4(const char *text, uint32_t &address) {
+  in_addr parsed;
+  if (text == nullptr || inet_pton(AF_INET, text, &parsed) != 1) return false;
+  address = ntohl(parsed.s_addr);
+  return true;
+}
+
+// A netmask is ones followed by zeros.
+bool ParseMask(const char *text, uint32_t &mask) {
+  if (!ParseIPv4(text, mask) || mask == 0) return false;
+  return ((~mask + 1) & ~mask) == 0;
+}
+
+}  // namespace
+
+int KOLTNetIFGetInfoEx(const char *ifName, KOLTNETIF *info) {
+  KOLTNETIF entries[256];
+  const int count = KOLTNetIFEnum(entries, 256);
+  for (int i = 0; ifName != nullptr && info != nullptr && i < count && i < 256; ++i) {
+    if (strcmp(entries[i].name, ifName) == 0 && strchr(entries[i].ip, ':') == nullptr) {
+      *info = entries[i];
+      return 0;
+    }
+  }
+  KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
+  return -1;
+}
+
+int BlKLIBIsValidIpMask(const char *ip, const char *mask) {
+  uint32_t address, netmask;
+  if (!ParseIPv4(ip, address) || !ParseMask(mask, netmask)) return 0;
+  if (netmask <= 0xFFFFFFFCu) {
+    const uint32_t host = address & ~netmask;
+    if (host == 0 || host == ~netmask) return 0;
+  }
+  return 1;
+}
+
+int KOLTNetIsSameSubnet(const char *ip1, const char *ip2, const char *mask) {
+  uint32_t a, b, netmask;
+  if (!ParseIPv4(ip1, a) || !ParseIPv4(ip2, b) || !ParseMask(mask, netmask)) return -1;
+  return (a & netmask) == (b & netmask) ? 1 : 0;
 }

@@ -18,4 +18,14 @@ int KOLTNetIFEnum(KOLTNETIF *entries, int max);
 // an interface that doesn't exist.
 int KOLTNetIfIsStaticIP(const char *ifName);
 
+// The first IPv4 address of `ifName`. 0, or -1 for an unknown interface or one without IPv4.
+int KOLTNetIFGetInfoEx(const char *ifName, KOLTNETIF *info);
+
+// TRUE when `ip` is a dotted IPv4 address and `mask` a contiguous dotted IPv4 netmask other than
+// 0.0.0.0, and, for masks up to /30, `ip` is neither the network nor the broadcast address.
+int BlKLIBIsValidIpMask(const char *ip, const char *mask);
+
+// 1 when both addresses lie in the same subnet of `mask`, 0 when not, -1 for bad input.
+int KOLTNetIsSameSubnet(const char *ip1, const char *ip2, const char *mask);
+
 #endif  // KOLT_NETIF_H_

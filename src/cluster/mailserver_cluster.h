@@ -38,6 +38,15 @@ enum ServStatus : int {
   SERV_STATUS_SYNCING = 4,
 };
 
+struct BalancerInfo {
+  bool enable = false;
+  std::string address;
+  std::string netmask;
+};
+
+// The ten firewall services of the mail suite; null-terminated.
+QSV_EXPORT extern const char *szgMailFWServices[];
+
 class QSV_EXPORT KOLTMailNodeCluster : public QuillonServerBACKENDWrap {
  public:
   // Error codes: nothing known yet, the cluster is changing, an address conflict.
@@ -95,6 +104,28 @@ class QSV_EXPORT KOLTMailNodeCluster : public QuillonServerBACKENDWrap {
                      const std::string &tag);
   // The state of `service` on each node of its role, by node address.
   bool getService(const std::string &service, std::map<std::string, ServStatus> &status);
+  // Raises or lowers the flags of every service of `role` on `nodeId`; goes on past failures.
+  bool setRoleServSync(NodeRole role, const std::string &nodeId, bool done);
+  bool deregisterServ(const std::string &service, const std::string &serverId);
+  bool deregisterNodeServ(const std::string &nodeId);
+
+  // Balancer. calMasterBalancer picks the master among the live balancers (the first in the
+  // sorted "balancer" list), or this node when the cluster is broken and it is a balancer, and
+  // writes "balancer_master_node"; the argument has no effect.
+  bool calMasterBalancer(bool);
+  bool getBalancerInfo(BalancerInfo &info);
+  bool setBalancerInfo(const BalancerInfo &info);
+  bool isBalancerAddrInSameSubnet(const std::string &ip, const std::string &netmask,
+                                  const std::string &ifName);
+  // Whether `ip` is an address of a peer (or, with `checkOwn`, of this node).
+  bool isConflicWithExistIP(const std::string &ip, bool checkOwn);
+
+  // The node's daemons through ClusterDaemon.sh.
+  bool refreshFirewall(const std::vector<std::string> &ips);
+  bool start(const std::map<std::string, std::vector<std::string>> &nodeIps);
+  bool stop();
+  bool watchRestart(bool restore);
+  bool backendRestart();
 
  private:
   std::string hostIP_;

@@ -5,6 +5,11 @@
 //   mailserverctl conf set KEY VALUE [KEY VALUE ...]
 //   mailserverctl cluster status
 //   mailserverctl backend start|stop
+//   mailserverctl settings show
+//   mailserverctl settings set KEY VALUE [KEY VALUE ...]
+//   mailserverctl domain add|del NAME
+//   mailserverctl domain list
+//   mailserverctl balancer elect|status
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -18,6 +23,7 @@
 #include "core/mail_conf.h"
 #include "kolt/exec.h"
 #include "mailserverctl/one_node_setup.h"
+#include "mailserverctl/settings_commands.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::Role;
@@ -32,7 +38,12 @@ int Usage() {
           "       mailserverctl conf get KEY\n"
           "       mailserverctl conf set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl cluster status\n"
-          "       mailserverctl backend start|stop\n");
+          "       mailserverctl backend start|stop\n"
+          "       mailserverctl settings show\n"
+          "       mailserverctl settings set KEY VALUE [KEY VALUE ...]\n"
+          "       mailserverctl domain add|del NAME\n"
+          "       mailserverctl domain list\n"
+          "       mailserverctl balancer elect|status\n");
   return 2;
 }
 
@@ -120,5 +131,16 @@ int main(int argc, char **argv) {
   }
   if (command == "cluster" && args.size() == 2 && args[1] == "status") return ClusterStatus();
   if (command == "backend" && args.size() == 2) return Backend(args[1]);
+  if (command == "settings" && args.size() == 2 && args[1] == "show") {
+    return mailserverctl::SettingsShow();
+  }
+  if (command == "settings" && args.size() >= 4 && args[1] == "set" && args.size() % 2 == 0) {
+    return mailserverctl::SettingsSet(std::vector<std::string>(args.begin() + 2, args.end()));
+  }
+  if (command == "domain" && args.size() == 2 && args[1] == "list") {
+    return mailserverctl::DomainCommand("list", "");
+  }
+  if (command == "domain" && args.size() == 3) return mailserverctl::DomainCommand(args[1], args[2]);
+  if (command == "balancer" && args.size() == 2) return mailserverctl::BalancerCommand(args[1]);
   return Usage();
 }
