@@ -36,6 +36,26 @@ show "$ctl" conf set smtp_port 2626
 printf 'file: '; cat "$conf/smtp_port"
 printf 'store: '; "$tool" backend-command --command get --key mailserver/conf/smtp_port; echo
 
+step "Change the SMTP port through the typed settings object, as a web handler would"
+show "$ctl" settings set smtp_port 2727 smtp_tls_enabled yes
+"$ctl" settings show | grep -E '^(smtp_port|smtp_tls_enabled|smtps_port|smtp_main_domain) '
+printf 'store: '; "$tool" backend-command --command get --key mailserver/conf/smtp_port; echo
+echo "A value of the wrong type is refused and nothing is written:"
+if "$ctl" settings set smtp_port 25x smtp_banner changed; then echo "UNEXPECTED"; exit 1; fi
+"$ctl" settings show | grep -E '^(smtp_port|smtp_banner) '
+
+step "Domains and the master balancer"
+show "$ctl" domain add example.com
+show "$ctl" domain add mail.example.org
+show "$ctl" domain list
+echo "No balancer daemon has reported yet, so none is alive and the election finds no master:"
+show "$ctl" balancer elect
+echo "The balancer daemon reports this node's balancer up (status 0), as it would on a real node:"
+id=$("$tool" conf-value --file "$conf/local_id_file" --member id)
+mkdir -p /tmp/quillon_server/service_status
+printf '{"%s":"0"}\n' "$id" > /tmp/quillon_server/service_status/mailserver_service_balancer
+show "$ctl" balancer elect
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop

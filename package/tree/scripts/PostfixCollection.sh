@@ -10,7 +10,7 @@
 postfix=/usr/sbin/postfix
 
 running() {
-    [ -x "$postfix" ] && "$postfix" status >/dev/null 2>&1
+    [ -x "$postfix" ] && [ -f /etc/postfix/main.cf ] && "$postfix" status >/dev/null 2>&1
 }
 
 case $1 in
