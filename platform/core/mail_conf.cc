@@ -98,10 +98,10 @@ int mailConfigLockGet(const std::string &fileName, BOOL exclusive, int &fd) {
   mkdir(kLockDir, 0755);
   const std::string path = kLockDir + fileName + ".lock";
   // Writers run as root or as the package user: the lock file must open for both, whoever made it.
-  const mode_t old = umask(0);
+  // The fchmod below sees to that; the umask is left alone, since it belongs to the whole process
+  // and writers on other threads take locks at the same time.
   int lockFd = -1;
   const int rc = KLIBCFileLockTimeByFile(path.c_str(), exclusive ? 1 : 0, -1, &lockFd);
-  umask(old);
   if (rc != 1) return -1;
   fchmod(lockFd, 0666);
   fd = lockFd;

@@ -31,21 +31,46 @@ bool ReadKey(unsigned char key[kKeySize]) {
   return n == static_cast<ssize_t>(kKeySize);
 }
 
+bool PackageGroup(gid_t &gid) {
+  group entry, *found = nullptr;
+  std::vector<char> buffer(16384);
+  if (getgrnam_r("Quillon-Server", &entry, buffer.data(), buffer.size(), &found) != 0 ||
+      found == nullptr) {
+    return false;
+  }
+  gid = found->gr_gid;
+  return true;
+}
+
+// Base64 lets the last character of a text carry spare bits; a text that differs from ours only
+// there would still decode to the same bytes. Only the one spelling we write is accepted, so that
+// any change to a stored text is seen.
+bool IsOurSpelling(const char *text, size_t textLength, const unsigned char *bytes, int size) {
+  std::vector<char> again(textLength + 1);
+  const int n =
+      KLIBCBase64SzEncodeFull(bytes, static_cast<size_t>(size), again.data(), again.size());
+  return n == static_cast<int>(textLength) && memcmp(again.data(), text, textLength) == 0;
+}
+
 // The machine key, made on first use. Racing first users each write a candidate and link it into
 // place; link fails for all but one, and every one then reads the winner.
 bool MachineKey(unsigned char key[kKeySize]) {
   if (ReadKey(key)) return true;
-  mkdir("/usr/kolt", 0755);
-  mkdir(kKeyDir, 0755);
+  // The package user must reach the key through these directories, whatever the caller's umask.
+  if (mkdir("/usr/kolt", 0755) == 0) chmod("/usr/kolt", 0755);
+  if (mkdir(kKeyDir, 0755) == 0) chmod(kKeyDir, 0755);
   unsigned char fresh[kKeySize];
   if (RAND_bytes(fresh, kKeySize) != 1) return false;
   std::string candidate = std::string(kKeyFile) + ".XXXXXX";
   const int fd = mkostemp(&candidate[0], O_CLOEXEC);
   if (fd < 0) return false;
-  const bool written = write(fd, fresh, kKeySize) == static_cast<ssize_t>(kKeySize);
+  // Only a whole key may ever appear under the final name: a short one would lock every secret out.
+  const bool written =
+      write(fd, fresh, kKeySize) == static_cast<ssize_t>(kKeySize) && fsync(fd) == 0;
+  OPENSSL_cleanse(fresh, sizeof(fresh));
   // The package user deciphers too, through its group; no one else may read the key.
-  const group *packageGroup = getgrnam("Quillon-Server");
-  if (packageGroup != nullptr && fchown(fd, 0, packageGroup->gr_gid) == 0) {
+  gid_t packageGid = 0;
+  if (PackageGroup(packageGid) && fchown(fd, 0, packageGid) == 0) {
     fchmod(fd, 0640);
   } else {
     fchmod(fd, 0600);
@@ -109,7 +134,8 @@ BOOL KLIBCCryptSzDecrypt(const char *cipher, char *out, int outSize) {
   }
   std::vector<unsigned char> sealed(textLength);
   const int size = KLIBCBase64Decode(cipher, textLength, sealed.data(), sealed.size());
-  if (size < static_cast<int>(1 + kNonceSize + kTagSize) || sealed[0] != kVersion) {
+  if (size < static_cast<int>(1 + kNonceSize + kTagSize) || sealed[0] != kVersion ||
+      !IsOurSpelling(cipher, textLength, sealed.data(), size)) {
     KLIBC_ERR_SET(KLIBC_ERR_BAD_FORMAT);
     return FALSE;
   }

@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <string.h>
 
 #include <fstream>
@@ -114,26 +115,51 @@ bool ParseMask(const char *text, uint32_t &mask) {
 }  // namespace
 
 int KOLTNetIFGetInfoEx(const char *ifName, KOLTNETIF *info) {
-  KOLTNETIF entries[256];
-  const int count = KOLTNetIFEnum(entries, 256);
-  for (int i = 0; ifName != nullptr && info != nullptr && i < count && i < 256; ++i) {
-    if (strcmp(entries[i].name, ifName) == 0 && strchr(entries[i].ip, ':') == nullptr) {
-      *info = entries[i];
-      return 0;
+  if (ifName == nullptr || info == nullptr) {
+    KLIBC_ERR_SET(KLIBC_ERR_BAD_PARAM);
+    return -1;
+  }
+  ifaddrs *all = nullptr;
+  if (getifaddrs(&all) != 0) {
+    KLIBC_ERR_SET(KLIBC_ERR_SYS(errno));
+    return -1;
+  }
+  // The kernel lists an interface's primary address before its secondaries, so the first match is
+  // the address the interface is known by.
+  const ifaddrs *found = nullptr;
+  for (const ifaddrs *a = all; a != nullptr && found == nullptr; a = a->ifa_next) {
+    if (a->ifa_addr != nullptr && a->ifa_addr->sa_family == AF_INET &&
+        strcmp(a->ifa_name, ifName) == 0) {
+      found = a;
     }
   }
-  KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
-  return -1;
+  if (found != nullptr) {
+    memset(info, 0, sizeof(*info));
+    snprintf(info->name, sizeof(info->name), "%s", found->ifa_name);
+    info->isUp = (found->ifa_flags & IFF_UP) ? 1 : 0;
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(found->ifa_addr)->sin_addr, info->ip,
+              sizeof(info->ip));
+    if (found->ifa_netmask != nullptr) {
+      inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(found->ifa_netmask)->sin_addr,
+                info->mask, sizeof(info->mask));
+    }
+  }
+  freeifaddrs(all);
+  if (found == nullptr) {
+    KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
+    return -1;
+  }
+  return 0;
 }
 
-int BlKLIBIsValidIpMask(const char *ip, const char *mask) {
+BOOL BlKLIBIsValidIpMask(const char *ip, const char *mask) {
   uint32_t address, netmask;
-  if (!ParseIPv4(ip, address) || !ParseMask(mask, netmask)) return 0;
+  if (!ParseIPv4(ip, address) || !ParseMask(mask, netmask)) return FALSE;
   if (netmask <= 0xFFFFFFFCu) {
     const uint32_t host = address & ~netmask;
-    if (host == 0 || host == ~netmask) return 0;
+    if (host == 0 || host == ~netmask) return FALSE;
   }
-  return 1;
+  return TRUE;
 }
 
 int KOLTNetIsSameSubnet(const char *ip1, const char *ip2, const char *mask) {

@@ -2,6 +2,8 @@
 #ifndef KOLT_NETIF_H_
 #define KOLT_NETIF_H_
 
+#include "kolt/types.h"
+
 struct KOLTNETIF {
   char name[32];   // "eth0", or "eth0:QSV" for an alias address
   char ip[64];     // dotted IPv4 or IPv6 text
@@ -23,7 +25,7 @@ int KOLTNetIFGetInfoEx(const char *ifName, KOLTNETIF *info);
 
 // TRUE when `ip` is a dotted IPv4 address and `mask` a contiguous dotted IPv4 netmask other than
 // 0.0.0.0, and, for masks up to /30, `ip` is neither the network nor the broadcast address.
-int BlKLIBIsValidIpMask(const char *ip, const char *mask);
+BOOL BlKLIBIsValidIpMask(const char *ip, const char *mask);
 
 // 1 when both addresses lie in the same subnet of `mask`, 0 when not, -1 for bad input.
 int KOLTNetIsSameSubnet(const char *ip1, const char *ip2, const char *mask);

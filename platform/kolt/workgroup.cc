@@ -1,7 +1,6 @@
 #include "kolt/workgroup.h"
 
-#include <strings.h>
-
+#include <cctype>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -16,24 +15,34 @@ std::string Trim(const std::string &text) {
   return text.substr(begin, text.find_last_not_of(" \t\r\n") - begin + 1);
 }
 
+// Samba ignores case and blanks in section and parameter names ("Work Group" is "workgroup").
+std::string Folded(const std::string &name) {
+  std::string folded;
+  for (char c : name) {
+    if (c != ' ' && c != '\t') folded += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  return folded;
+}
+
 std::string ConfiguredWorkgroup() {
   std::ifstream in("/etc/samba/smb.conf");
-  std::string line;
+  std::string line, name;
   bool global = false;
   while (std::getline(in, line)) {
     line = Trim(line);
     if (line.empty() || line[0] == '#' || line[0] == ';') continue;
     if (line[0] == '[') {
-      global = strcasecmp(line.c_str(), "[global]") == 0;
+      const size_t close = line.find(']');
+      global = close != std::string::npos && Folded(line.substr(1, close - 1)) == "global";
       continue;
     }
     const size_t equals = line.find('=');
-    if (global && equals != std::string::npos &&
-        strcasecmp(Trim(line.substr(0, equals)).c_str(), "workgroup") == 0) {
-      return Trim(line.substr(equals + 1));
+    // As in Samba, a later setting of the same parameter overrides an earlier one.
+    if (global && equals != std::string::npos && Folded(line.substr(0, equals)) == "workgroup") {
+      name = Trim(line.substr(equals + 1));
     }
   }
-  return "";
+  return name;
 }
 
 }  // namespace

@@ -10,9 +10,11 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "cluster/mailserver_cluster.h"
@@ -135,7 +137,8 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
   }
 
   if (check) {
-    const Json::Value &old = json[member];
+    // Read without adding the member: a missing one must stay missing for the remove below.
+    const Json::Value &old = std::as_const(json)[member];
     const std::string oldValue = old.isConvertibleTo(Json::stringValue) ? old.asString() : "";
     const int verdict = check(key, oldValue, value, remove, ttl, sync);
     if (verdict < 0) return -1;
@@ -169,6 +172,10 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
     }
   }
 
+  // The mask belongs to the process: the threads of a batch must not interleave their brackets,
+  // or the last one to leave puts back another's 0.
+  static std::mutex maskMutex;
+  std::unique_lock<std::mutex> maskLock(maskMutex);
   const mode_t oldMask = umask(0);
   chmod(tmp.c_str(), 0644);
   uid_t uid;
@@ -177,6 +184,7 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
     // Not tested: a writer that is the package user itself can't chown, and needn't.
   }
   umask(oldMask);
+  maskLock.unlock();
 
   if (rename(tmp.c_str(), path.c_str()) != 0) {
     maillog(3, "%s:%d Failed to move file from :%s, to :%s, error: %s", QSV_FILE, __LINE__,

@@ -1,5 +1,6 @@
 #include "foundation/strings.h"
 
+#include <cctype>
 #include <cstring>
 
 namespace {
@@ -54,4 +55,20 @@ bool isContainID(const std::string &text, const std::string &id) {
     if (each == id) return true;
   }
   return false;
+}
+
+void Trim(std::string &text) {
+  auto isSpace = [](char c) { return isspace(static_cast<unsigned char>(c)) != 0; };
+  size_t end = text.size();
+  while (end > 0 && isSpace(text[end - 1])) --end;
+  size_t begin = 0;
+  while (begin < end && isSpace(text[begin])) ++begin;
+  text = text.substr(begin, end - begin);
+}
+
+void StrReplace(std::string &text, const std::string &from, const std::string &to) {
+  if (from.empty()) return;
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
 }

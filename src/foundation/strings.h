@@ -1,4 +1,5 @@
-// Splitting and joining text. Pure functions: safe from any thread.
+// Splitting, joining, trimming and replacing text. Pure functions on the caller's objects: safe
+// from any thread.
 #ifndef MAILSERVER_FOUNDATION_STRINGS_H_
 #define MAILSERVER_FOUNDATION_STRINGS_H_
 
@@ -21,5 +22,12 @@ QSV_EXPORT std::string StringJoin(const std::list<std::string> &pieces,
 
 // Whether one of the blank-separated ids of `text` is `id`.
 QSV_EXPORT bool isContainID(const std::string &text, const std::string &id);
+
+// Strips white space (isspace) at both ends, in place.
+QSV_EXPORT void Trim(std::string &text);
+
+// Replaces every occurrence of `from`, scanning left to right past each replacement, so a `to` that
+// contains `from` does not loop. An empty `from` changes nothing.
+QSV_EXPORT void StrReplace(std::string &text, const std::string &from, const std::string &to);
 
 #endif  // MAILSERVER_FOUNDATION_STRINGS_H_

@@ -87,26 +87,6 @@ TEST(ExecTest, PopenReadsOutputAndFeedsInput) {
   EXPECT_EQ(0, fclose(plain));  // still open, still ours
 }
 
-TEST(ExecTest, ConcurrentPopensKeepTheirOwnChildren) {
-  std::vector<std::thread> threads;
-  std::vector<int> codes(8, -2);
-  std::vector<std::string> outputs(8);
-  for (int i = 0; i < 8; i++) {
-    threads.emplace_back([i, &codes, &outputs] {
-      std::string n = std::to_string(i);
-      FILE *fp = KLIBCPopen("/bin/sh", "r", "-c", "sleep 0.1; echo $0; exit $0", n.c_str(), nullptr);
-      if (fp == nullptr) return;
-      outputs[i] = ReadAll(fp);
-      codes[i] = KLIBCPclose(fp);
-    });
-  }
-  for (auto &t : threads) t.join();
-  for (int i = 0; i < 8; i++) {
-    EXPECT_EQ(i, codes[i]);
-    EXPECT_EQ(std::to_string(i) + "\n", outputs[i]);
-  }
-}
-
 TEST(ExecTest, QuietRunsGetDevNullAndTheirOwnSession) {
   const char *check =
       "for fd in 0 1 2; do test \"$(readlink /proc/$$/fd/$fd)\" = /dev/null || exit 10; done;"

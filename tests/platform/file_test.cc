@@ -123,17 +123,6 @@ TEST(FileLockTest, TimesOutWhileAnotherProcessHoldsIt) {
   EXPECT_EQ(0, KLIBCFileUnlockByFile(-1));
 }
 
-TEST(FileLockTest, SharedHoldersCoexistButExcludeWriters) {
-  ScratchDir dir;
-  std::string path = dir / "lock";
-  LockHolder holder(path, LOCK_SH);
-  ASSERT_TRUE(holder.locked());
-  int fd;
-  ASSERT_EQ(1, KLIBCFileLockTimeByFile(path.c_str(), 0, 0, &fd));
-  EXPECT_EQ(1, KLIBCFileUnlockByFile(fd));
-  EXPECT_EQ(0, KLIBCFileLockTimeByFile(path.c_str(), 1, 0, &fd));
-}
-
 TEST(FileLockTest, WaitEndsWhenTheHolderLetsGo) {
   ScratchDir dir;
   std::string path = dir / "lock";

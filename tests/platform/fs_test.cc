@@ -114,19 +114,6 @@ TEST(FsTest, CopyFileReplacesOnlyWhenAllowed) {
   EXPECT_TRUE(OnlyHolds(dir, 2));
 }
 
-TEST_F(FsOwnerTest, CopyFileCanKeepOwnerAndMode) {
-  ScratchDir dir;
-  std::string src = dir / "src", dst = dir / "dst";
-  WriteFile(src, "secret");
-  ASSERT_EQ(0, chown(src.c_str(), uid_, gid_));
-  ASSERT_EQ(0, chmod(src.c_str(), 0640));
-  ASSERT_EQ(0, KOLTCopyFileI(src.c_str(), dst.c_str(), 1, 1));
-  EXPECT_EQ("secret", ReadFile(dst));
-  EXPECT_EQ(0640u, StatOf(dst).st_mode & 07777);
-  EXPECT_EQ(uid_, StatOf(dst).st_uid);
-  EXPECT_EQ(gid_, StatOf(dst).st_gid);
-}
-
 TEST(FsTest, VolIDParse) {
   struct {
     const char *path;

@@ -1,0 +1,32 @@
+// Small file helpers: temporary names, existence and age, copying a program's output to a file,
+// and putting a finished temporary file in its place. They keep no state: safe from any thread.
+#ifndef MAILSERVER_FOUNDATION_FILES_H_
+#define MAILSERVER_FOUNDATION_FILES_H_
+
+#include <cstdio>
+#include <string>
+
+#include "foundation/export.h"
+
+// Makes a unique file from `tmpl`, which ends in "XXXXXX", and closes it again: the caller gets a
+// name. If mkstemp fails the last six characters become the process id ("%06d", the low six
+// digits), so the caller still has a usable name, though not a created file.
+// 0, or -1 for a null template or one shorter than 7 characters.
+QSV_EXPORT int qsvMkstemp(char *tmpl);
+
+// Whether `path` is a directory (a link to one counts).
+QSV_EXPORT bool qsvDirectoryExist(const std::string &path);
+
+// The modification time of `path` in seconds, or 0 when it can't be had.
+QSV_EXPORT long qsvGetFileMtime(const std::string &path);
+
+// Copies what is left of `stream` into `path`, opened with fopen `mode` ("w" or "a"), in blocks
+// of 1024 bytes until the stream ends. The stream stays open. 0, or -1 for a null argument, a file
+// that can't be opened or a failed write.
+QSV_EXPORT int PopenToFile(FILE *stream, const char *path, const char *mode);
+
+// Gives `tmp` mode 0644 and renames it to `path`. A failed chmod is only logged: the content
+// matters more than its mode. 0, or -1 when the rename failed.
+QSV_EXPORT int renameTmpFileAndChmod(const char *tmp, const char *path);
+
+#endif  // MAILSERVER_FOUNDATION_FILES_H_
