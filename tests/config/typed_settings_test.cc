@@ -6,12 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include "config/accounts.h"
 #include "config/basic_config.h"
 #include "config/postfix.h"
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
+#include "harness/run_as.h"
 #include "kolt/crypt.h"
 
 namespace {
@@ -236,6 +238,38 @@ TEST_F(TypedSettingsTest, AnalyzerReportsWhatAppliesAndOnlyAppends) {
   int rows = 0;
   for (const CheckItem *item = gCheckList; item->check != nullptr; ++item) ++rows;
   EXPECT_EQ(rows, 20);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(TypedSettingsTest, AccountSourceDecidesNamesDirectoriesAndDomains) {
+  PutKeyFile("account_type", "local");
+  EXPECT_EQ(userTypeCheck("alice"), 0);
+  EXPECT_EQ(userTypeCheck("CORP\\alice"), -2);
+  std::string path;
+  ASSERT_EQ(mailDirPathGet("Quillon-Server", path), 0);
+  EXPECT_EQ(path, "/var/spool/mail/local/" + std::to_string(qsvtest::UidOf("Quillon-Server")));
+  EXPECT_EQ(mailDirPathGet("CORP\\alice", path), -1);
+
+  PutKeyFile("account_type", "ldap");
+  PutKeyFile("acc_domain_name", "example.com");
+  Postfix postfix;
+  ASSERT_EQ(postfix.LoadSettings(), 0);
+  EXPECT_EQ(getFullUsername(postfix, "alice", false), "alice@example.com");
+  EXPECT_EQ(getFullUsername(postfix, "bob@other.org", false), "bob@other.org");
+  EXPECT_EQ(userTypeCheck("alice@example.com"), 0);
+  PutKeyFile("account_type", "local");
+
+  PutKeyFile("virtual_multiple_domain", "1/xn--bcher-kva.example, 2/plain.example");
+  PutKeyFile("additional_domain-1", "");
+  PutKeyFile("additional_domain-2", "xn--mnchen-3ya.example");
+  std::list<std::string> domains;
+  ASSERT_EQ(loadAllUtf8DomainList(domains), 0);
+  EXPECT_EQ(domains, (std::list<std::string>{"b\xc3\xbc" "cher.example", "plain.example",
+                                             "m\xc3\xbcnchen.example"}));
+  PutKeyFile("virtual_multiple_domain", "");
 }
 
 }  // namespace

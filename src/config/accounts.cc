@@ -1,0 +1,151 @@
+#include "config/accounts.h"
+
+#include <cstdio>
+
+#include "core/mail_dir.h"
+#include "eai/punycode.h"
+#include "foundation/log.h"
+#include "foundation/user_names.h"
+#include "kolt/szlist.h"
+#include "kolt/user.h"
+
+using KOLT::QUILLON_SERVER::ConvertToUTF8;
+
+namespace {
+
+std::string AccountType(Postfix &postfix) {
+  return boost::any_cast<Value<std::string>>(postfix.Get("account_type")).value;
+}
+
+std::string Setting(Postfix &postfix, const char *name) {
+  return boost::any_cast<Value<std::string>>(postfix.Get(name)).value;
+}
+
+}  // namespace
+
+int userTypeCheck(const std::string &user) {
+  const char *source = "local";
+  if (user.find('\\', 1) != std::string::npos) {
+    source = "win";
+  } else if (user.find('@', 1) != std::string::npos) {
+    source = "ldap";
+  }
+  Postfix postfix;
+  if (postfix.LoadSettings() < 0) {
+    maillog(3, "%s:%d postfix cannot loading setting", QSV_FILE, __LINE__);
+    return -1;
+  }
+  return AccountType(postfix) == source ? 0 : -2;
+}
+
+std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve) {
+  const std::string type = AccountType(postfix);
+  std::string name = user;
+  if (type == "ldap" && user.find('@') == std::string::npos) {
+    name = user + "@" + Setting(postfix, "acc_domain_name");
+  } else if (type == "win" && user.find('\\') == std::string::npos) {
+    name = Setting(postfix, "win_domain_short_name") + "\\" + user;
+  }
+  if (resolve) {
+    char real[493] = {0};
+    if (KLIBUserRealNameGet(name.c_str(), real, sizeof(real), 0) != 0) {
+      maillog(3, "%s:%d KLIBUserRealNameGet fail %s", QSV_FILE, __LINE__, name.c_str());
+    } else {
+      name = real;
+    }
+  }
+  return name;
+}
+
+int mailDirPathGet(const std::string &user, std::string &path) {
+  std::string root, domainPath;
+  if (mailDirRootPathGet(root) < 0) {
+    maillog(3, "%s:%d cannot get mailDirRootPathGet", QSV_FILE, __LINE__);
+    return -1;
+  }
+  if (mailDirDomainPathGet(root, domainPath) < 0) {
+    maillog(3, "%s:%d cannot get mailDirDomainPathGet", QSV_FILE, __LINE__);
+    return -1;
+  }
+  const int type = userTypeCheck(user);
+  if (type < 0) {
+    if (type == -2) {
+      maillog(3, "%s:%d checkUserType fail usertype conflict %s", QSV_FILE, __LINE__, user.c_str());
+    } else {
+      maillog(3, "%s:%d userTypeCheck fail %s", QSV_FILE, __LINE__, user.c_str());
+    }
+    maillog(3, "%s:%d cannot get mailDirUIDPathGet", QSV_FILE, __LINE__);
+    return -1;
+  }
+  uid_t uid;
+  gid_t gid;
+  if (KOLTUserGetUGID(user.c_str(), &uid, &gid) < 0) {
+    maillog(3, "%s:%d get %s uid, gid fail", QSV_FILE, __LINE__, user.c_str());
+    maillog(3, "%s:%d cannot get mailDirUIDPathGet", QSV_FILE, __LINE__);
+    return -1;
+  }
+  return uidGetPath(domainPath, uid, path) < 0 ? -1 : 0;
+}
+
+int mailDirPathGet_c(const char *user, char *buffer, size_t size) {
+  if (user == nullptr || buffer == nullptr) {
+    maillog(3, "%s:%d Wrong paramter", QSV_FILE, __LINE__);
+    return -1;
+  }
+  std::string path;
+  if (mailDirPathGet(user, path) < 0) {
+    maillog(3, "%s:%d Cannot get mailDirPathGet ...", QSV_FILE, __LINE__);
+    return -1;
+  }
+  snprintf(buffer, size, "%s", path.c_str());
+  return 0;
+}
+
+int loadAllUtf8DomainList(std::list<std::string> &domains) {
+  Postfix postfix;
+  if (postfix.LoadSettings() < 0) return -1;
+  for (const auto &entry : postfix.GetMultiDomainMap()) {
+    std::list<std::string> names = {entry.second};
+    std::list<std::string> additional;
+    if (postfix.GetAdditionalDomainList(entry.first, additional) < 0) {
+      maillog(3, "%s:%d Get additional domain list fail, domain id is %d", QSV_FILE, __LINE__,
+              entry.first);
+      return -1;
+    }
+    names.splice(names.end(), additional);
+    for (const std::string &name : names) {
+      std::string utf8;
+      if (ConvertToUTF8(name, utf8) != 0) {
+        maillog(3, "%s:%d failed to convert domain, %s, to utf8 form", QSV_FILE, __LINE__,
+                name.c_str());
+        return -1;
+      }
+      domains.push_back(utf8);
+    }
+  }
+  return 0;
+}
+
+std::map<std::string, int> GetValidMap(const int &type) {
+  std::map<std::string, int> valid;
+  Postfix postfix;
+  if (postfix.LoadSettings() < 0) return valid;
+  const std::string accountType = AccountType(postfix);
+  const int authType = accountType == "win" ? AUTH_WIN : accountType == "ldap" ? AUTH_LDAP
+                                                                              : AUTH_LOCAL;
+  KLIBSZLIST *users = KLIBCSzListAlloc(1024);
+  if (users == nullptr) {
+    maillog(3, "%s:%d out of memory", QSV_FILE, __LINE__);
+    return valid;
+  }
+  const std::string domain = authType == AUTH_WIN ? Setting(postfix, "win_domain_short_name") : "";
+  if (KLIBUserEnum(&users, authType, domain.c_str()) < 0) {
+    maillog(3, "%s:%d fail to enum local user", QSV_FILE, __LINE__);
+  } else {
+    for (int i = 0; i < KLIBCSzListCount(users); ++i) {
+      valid[ParseShortUsername(KLIBCSzListGet(users, i), static_cast<AUTH_TYPE>(authType))] = type;
+    }
+  }
+  KLIBCSzListFree(users);
+  return valid;
+}

@@ -1,0 +1,33 @@
+// The user naming rules of the server's account source, as the SMTP settings set it ("local",
+// "ldap" or "win"), and what follows from them: full names, mail directories, served domains.
+// Each call loads its own settings: safe from any thread.
+#ifndef MAILSERVER_CONFIG_ACCOUNTS_H_
+#define MAILSERVER_CONFIG_ACCOUNTS_H_
+
+#include <cstddef>
+#include <list>
+#include <map>
+#include <string>
+
+#include "config/postfix.h"
+#include "foundation/export.h"
+
+// 0 when the form of `user` ("DOMAIN\name" win, "name@domain" ldap, else local) matches the
+// server's account_type, -2 when it belongs to another source, -1 when the settings can't load.
+QSV_EXPORT int userTypeCheck(const std::string &user);
+
+// `user` in the full form of the server's source; with `resolve`, in the stored spelling.
+QSV_EXPORT std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve);
+
+// The mail directory of `user`, by user number: a rename doesn't move mail. 0, or -1.
+QSV_EXPORT int mailDirPathGet(const std::string &user, std::string &path);
+QSV_EXPORT int mailDirPathGet_c(const char *user, char *buffer, size_t size);
+
+// The UTF-8 forms of every served domain and of their further names. 0, or -1.
+QSV_EXPORT int loadAllUtf8DomainList(std::list<std::string> &domains);
+
+// The valid mail names: the short names of the server's users, and (once aliases are kept) the
+// domain aliases. Only the user half is there yet.
+QSV_EXPORT std::map<std::string, int> GetValidMap(const int &type);
+
+#endif  // MAILSERVER_CONFIG_ACCOUNTS_H_
