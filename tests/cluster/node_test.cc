@@ -1,19 +1,15 @@
 // One node's view of the cluster on a one-node cluster set up by mailserverctl: identity, roles,
 // health and the cluster-wide state keys, with the real ClusterDaemon.sh answering for health
-// unless a test puts a failing one in its place.
+// unless a test breaks it.
 #include <unistd.h>
 
 #include <chrono>
 #include <string>
 
-#include <gtest/gtest.h>
-#include <hiredis/hiredis.h>
-
 #include "cluster/mailserver_cluster.h"
+#include "cluster/store_fixture.h"
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
-#include "harness/one_node_cluster.h"
-#include "harness/recording_script.h"
 #include "harness/syslog_capture.h"
 
 namespace {
@@ -21,71 +17,21 @@ namespace {
 using KOLT::QUILLON_SERVER::ClusterStatus;
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::Role;
-using Clock = std::chrono::steady_clock;
 
-const std::string kClusterDaemon = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
-const std::string kRedisConf = "/var/packages/Quillon-Server/etc/redis/redis.conf";
-const std::string kHealthCache = "/tmp/quillon_server/service_status/cluster_health";
-
-// Moves a file aside for the life of the object.
-class Aside {
- public:
-  explicit Aside(const std::string &path) : path_(path), away_(path + ".aside") {
-    rename(path_.c_str(), away_.c_str());
-  }
-  ~Aside() { rename(away_.c_str(), path_.c_str()); }
-
- private:
-  std::string path_, away_;
-};
-
-// A ClusterDaemon.sh whose status says the cluster is broken, in place of the real one.
-class BrokenCluster {
- public:
-  BrokenCluster() : real_(kClusterDaemon), script_(kClusterDaemon, 1) {}
-
- private:
-  Aside real_;
-  qsvtest::RecordingScript script_;
-};
-
-class NodeTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    cluster_ = new qsvtest::OneNodeCluster();
-    redis_ = redisConnect("127.0.0.1", 8500);
-    freeReplyObject(redisCommand(redis_, "AUTH %s", cluster_->password().c_str()));
-  }
-  static void TearDownTestSuite() {
-    redisFree(redis_);
-    delete cluster_;
-  }
-  static bool InStore(const std::string &fullKey) {
-    auto *reply = static_cast<redisReply *>(redisCommand(redis_, "EXISTS %s", fullKey.c_str()));
-    const bool found = reply->integer == 1;
-    freeReplyObject(reply);
-    return found;
-  }
-  const std::string &self() const { return cluster_->hostId(); }
-
-  static qsvtest::OneNodeCluster *cluster_;
-  static redisContext *redis_;
-};
-qsvtest::OneNodeCluster *NodeTest::cluster_ = nullptr;
-redisContext *NodeTest::redis_ = nullptr;
+class NodeTest : public qsvtest::StoreTest {};
 
 TEST_F(NodeTest, ANodeThatNeverJoinedKnowsNothingAndSaysSoQuietly) {
-  Aside conf(kRedisConf);
+  qsvtest::Aside conf("/var/packages/Quillon-Server/etc/redis/redis.conf");
   qsvtest::SyslogCapture log;
   {
-    // The id is on disk, but the constructor must not have read it: no interface comes of it.
+    // The id is still on disk, but the constructor must not read it: no interface comes of it.
     KOLTMailNodeCluster node;
     EXPECT_FALSE(node.isClusterInited());
     EXPECT_EQ(node.getErrorCode(), 8);
     EXPECT_EQ(node.getHostIF(), "");
   }
   {
-    Aside id(std::string(kMailConfDir) + "local_id_file");
+    qsvtest::Aside id(std::string(kMailConfDir) + "local_id_file");
     KOLTMailNodeCluster node;
     EXPECT_EQ(node.getHostID(), "");
     EXPECT_EQ(node.getHostIP(), "");
@@ -99,7 +45,6 @@ TEST_F(NodeTest, IdentityAndAddressesComeFromTheMappingTable) {
   EXPECT_EQ(node.getHostID(), self());
   EXPECT_EQ(node.getHostIP(), "127.0.0.1");
   EXPECT_EQ(node.getHostIF(), "lo");
-  EXPECT_EQ(node.getBalancerIF(), "lo:QSV");
   EXPECT_EQ(node.ipToID("127.0.0.1"), self());
   EXPECT_EQ(node.getPeersNum(), 1);
 
@@ -116,13 +61,12 @@ TEST_F(NodeTest, RolesAreHeldByExactId) {
   ASSERT_TRUE(KOLTMailNodeCluster().nodeRoleGet(role));
   EXPECT_TRUE(role.mailer && role.storager && role.balancer && role.balancerMaster);
 
-  // An id that merely begins with this node's id is another node.
+  // An id that merely begins with this node's id is another node's.
   ASSERT_EQ(mailConfSet("storager", self() + "0 mailserver_id-9", true, 0), 0);
   ASSERT_EQ(mailConfSet("balancer_master_node", self() + "0", true, 0), 0);
   ASSERT_TRUE(KOLTMailNodeCluster().nodeRoleGet(role));
   EXPECT_TRUE(role.mailer && role.balancer);
-  EXPECT_FALSE(role.storager);
-  EXPECT_FALSE(role.balancerMaster);
+  EXPECT_FALSE(role.storager || role.balancerMaster);
   ASSERT_EQ(mailConfSet("storager", self(), true, 0), 0);
   ASSERT_EQ(mailConfSet("balancer_master_node", self(), true, 0), 0);
 }
@@ -131,12 +75,12 @@ TEST_F(NodeTest, HealthComesFromTheScriptOrItsCache) {
   KOLTMailNodeCluster node;
   {
     qsvtest::SyslogCapture log;
-    const auto start = Clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(node.waitClusterHealth(0));
-    EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 1.0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(log.Matching("cannot be health in time [0]").size(), 1u);
   }
-  unlink(kHealthCache.c_str());
+  unlink("/tmp/quillon_server/service_status/cluster_health");
   {
     qsvtest::SyslogCapture log;
     EXPECT_FALSE(node.isClusterHealth(true));
@@ -144,12 +88,6 @@ TEST_F(NodeTest, HealthComesFromTheScriptOrItsCache) {
   }
   EXPECT_TRUE(node.isClusterHealth(false));
   EXPECT_TRUE(node.isClusterHealth(true));
-  {
-    BrokenCluster broken;
-    EXPECT_FALSE(node.isClusterHealth(false));
-    EXPECT_FALSE(node.isClusterHealth(true));
-  }
-  EXPECT_TRUE(node.isClusterHealth(false));
 }
 
 TEST_F(NodeTest, TheClusterStatusIsTwoWhileUnhealthyWhateverTheKeySays) {
@@ -160,16 +98,16 @@ TEST_F(NodeTest, TheClusterStatusIsTwoWhileUnhealthyWhateverTheKeySays) {
   node.setClusterStatus(ClusterStatus(5));
   EXPECT_EQ(node.getClusterStatus(), ClusterStatus(5));
   {
-    BrokenCluster broken;
+    qsvtest::BrokenCluster broken;
     EXPECT_EQ(node.getClusterStatus(), ClusterStatus(2));
   }
   EXPECT_EQ(node.getClusterStatus(), ClusterStatus(5));
   node.setClusterStatus(ClusterStatus(1));
   EXPECT_EQ(node.getClusterStatus(), ClusterStatus(1));
-  EXPECT_FALSE(InStore("mailserver/cluster/quillon_server_cluster_status"));
+  EXPECT_EQ(Redis("EXISTS %s", "mailserver/cluster/quillon_server_cluster_status"), "0");
 }
 
-TEST_F(NodeTest, SyncFlagsAndTheDispatcherSuspensionRoundTrip) {
+TEST_F(NodeTest, SyncFlagsAndTheDispatcherSuspensionComeAndGo) {
   KOLTMailNodeCluster node;
   node.removeDir("service_change");
   EXPECT_FALSE(node.isClusterSyncing());
@@ -181,7 +119,7 @@ TEST_F(NodeTest, SyncFlagsAndTheDispatcherSuspensionRoundTrip) {
   EXPECT_FALSE(node.isSuspendMailEventDispatcher());
   node.suspendMailEventDispatcher();
   EXPECT_TRUE(node.isSuspendMailEventDispatcher());
-  EXPECT_TRUE(InStore("suspend/MailEventDispatcherSuspend"));
+  EXPECT_EQ(Redis("GET %s", "suspend/MailEventDispatcherSuspend"), "yes");
   node.unSuspendMailEventDispatcher();
   EXPECT_FALSE(node.isSuspendMailEventDispatcher());
 }
