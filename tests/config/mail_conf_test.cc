@@ -54,6 +54,7 @@ class MailConfTest : public qsvtest::StoreTest {
 };
 
 TEST_F(MailConfTest, AChangedKeyReachesTheStoreBeforeItsFile) {
+  KOLTMailNodeCluster().removeDir("service_change");  // no sync flag left by earlier writes
   const std::string first = "{\"mailserver/conf/smtp_banner\":\"first\"}\n";
   ASSERT_EQ(mailConfSet("smtp_banner", "first", true, 0), 0);
   EXPECT_EQ(ReadFile(FileOf("smtp_banner")), first);
@@ -91,6 +92,7 @@ TEST_F(MailConfTest, AnUnchangedKeyIsNeitherPublishedNorRewritten) {
 TEST_F(MailConfTest, TheMasterBalancerKeyIsAlwaysWrittenAndAnnounced) {
   const std::string key = "balancer_master_node", full = "mailserver/cluster/" + key;
   // Runs of the tool are noted; with /tmp/refuse present, the store refuses every write.
+  unlink("/tmp/runs");
   qsvtest::WrappedTool tool("echo \"$*\" >> /tmp/runs\n[ -e /tmp/refuse ] && "
                             "case \"$*\" in *'--command set '*) exit 2;; esac");
   auto announcements = [] {
