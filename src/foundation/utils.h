@@ -1,14 +1,15 @@
 // The shared helpers of the library in one include: text, user names, network patterns,
-// statistics time slots, allowed paths, file locks and files, log and mail directories, RSA key
-// files and a few questions about the machine and the cluster. Each header it includes says
-// whether its functions may be called from several threads; all of them may, except where a
-// header says otherwise.
+// statistics time slots, allowed paths, file locks and files, the SQLite handle, log and mail
+// directories, RSA key files and a few questions about the machine and the cluster. Each header it
+// includes says whether its functions may be called from several threads; all of them may, except
+// where a header says otherwise.
 #ifndef MAILSERVER_FOUNDATION_UTILS_H_
 #define MAILSERVER_FOUNDATION_UTILS_H_
 
 #include "foundation/account_db_paths.h"
 #include "foundation/antivirus_support.h"
 #include "foundation/cidr.h"
+#include "foundation/db_handler.h"
 #include "foundation/file_lock.h"
 #include "foundation/files.h"
 #include "foundation/log_paths.h"
