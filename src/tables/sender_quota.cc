@@ -1,0 +1,224 @@
+#include "tables/sender_quota.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cluster/backendWrapper.h"
+#include "config/accounts.h"
+#include "config/postfix.h"
+#include "foundation/db_handler.h"
+#include "foundation/files.h"
+#include "foundation/log.h"
+#include "foundation/privilege.h"
+#include "kolt/exec.h"
+#include "tables/mailserver_db_schema.h"
+
+namespace {
+
+constexpr char kMapPath[] = "/var/packages/Quillon-Server/target/etc/sender_quota_map";
+constexpr char kPostmap[] = "/var/packages/Quillon-Server/target/sbin/postmap";
+constexpr char kSyncKey[] = "mailserver_dailyquota_db";
+constexpr unsigned int kMaxQuota = 99999;
+constexpr int kBusyTimeoutMs = 60000;
+constexpr size_t kStatementSize = 2048;
+
+bool Open(DBHandler &db) {
+  if (db.connect() != 0) return false;
+  db.setBusyTimeout(kBusyTimeoutMs);
+  return true;
+}
+
+// Runs `change` on the database and, once the file is closed and complete, hands it to the other
+// nodes.
+template <typename Change>
+int ChangeAndSpread(Change change) {
+  {
+    DBHandler db(kMailServerDBPath, kMailServerDBSchema);
+    if (!Open(db) || change(db) != 0 || db.disconnect() != 0) return -1;
+  }
+  KOLT::QUILLON_SERVER::QuillonServerBACKENDWrap backend;
+  if (!backend.setFile(kSyncKey, kMailServerDBPath, nullptr)) {
+    maillog(3, "%s:%d Fail to set file %s", QSV_FILE, __LINE__, kMailServerDBPath);
+    return -1;
+  }
+  return 0;
+}
+
+std::string QuotaStatement(const std::string &sender, unsigned int quota) {
+  char statement[kStatementSize];
+  sqlite3_snprintf(sizeof(statement), statement,
+                   "insert or replace into sender_quota_table (sender, quota) values ('%q', '%d');",
+                   sender.c_str(), static_cast<int>(quota));
+  return statement;
+}
+
+// Reads a quota back as it went in: a value above INT_MAX was written as its negative twin.
+unsigned int QuotaColumn(sqlite3_stmt *row) {
+  return static_cast<unsigned int>(sqlite3_column_int64(row, 1));
+}
+
+std::string SenderColumn(sqlite3_stmt *row) {
+  const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(row, 0));
+  return text != nullptr ? text : "";
+}
+
+// The map is written beside its place and moved there whole, so Postfix never reads half of it.
+bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
+  FILE *out = fdopen(fd, "w");
+  if (out == nullptr) {
+    maillog(3, "%s:%d fdopen %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
+    close(fd);
+    return false;
+  }
+  sqlite3_stmt *rows = nullptr;
+  int rc = sqlite3_prepare_v2(db.getDB(), "select * from sender_quota_table", -1, &rows, nullptr);
+  if (rc != SQLITE_OK) {
+    maillog(3, "%s:%d sqlite3_prepare_v2: [%d] %s\n", QSV_FILE, __LINE__, rc,
+            sqlite3_errmsg(db.getDB()));
+  } else {
+    while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
+      const std::string name = getFullUsername(postfix, SenderColumn(rows), true);
+      fprintf(out, "%s %u\n", name.c_str(), QuotaColumn(rows));
+    }
+    if (rc != SQLITE_DONE) {
+      maillog(3, "%s:%d sqlite3_step: [%d] %s\n", QSV_FILE, __LINE__, rc,
+              sqlite3_errmsg(db.getDB()));
+    }
+  }
+  sqlite3_finalize(rows);
+  bool ok = rc == SQLITE_DONE;
+  if (fflush(out) != 0 || fsync(fileno(out)) != 0) {
+    maillog(3, "%s:%d write %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
+    ok = false;
+  }
+  fclose(out);
+  return ok;
+}
+
+}  // namespace
+
+int SenderQuota::Set(const std::string &sender, unsigned int quota) {
+  if (quota > kMaxQuota || sender.empty()) {
+    maillog(3, "%s:%d invalid input", QSV_FILE, __LINE__);
+    return -1;
+  }
+  const std::string statement = QuotaStatement(sender, quota);
+  return ChangeAndSpread([&statement](DBHandler &db) { return db.ExecCmd(statement); });
+}
+
+int SenderQuota::SetList(const std::list<Setting> &settings) {
+  std::list<std::string> statements;
+  for (const Setting &setting : settings) {
+    // An empty key would make a line that postmap refuses, and with it the whole map.
+    if (setting.sender.empty()) {
+      maillog(3, "%s:%d invalid input", QSV_FILE, __LINE__);
+      return -1;
+    }
+    statements.push_back(QuotaStatement(setting.sender, setting.quota));
+  }
+  return ChangeAndSpread([&statements](DBHandler &db) { return db.ExecCmdList(statements, true); });
+}
+
+int SenderQuota::DeleteList(const std::list<std::string> &senders) {
+  std::list<std::string> statements;
+  for (const std::string &sender : senders) {
+    char statement[kStatementSize];
+    sqlite3_snprintf(sizeof(statement), statement,
+                     "delete from sender_quota_table where sender='%q';", sender.c_str());
+    statements.push_back(statement);
+  }
+  return ChangeAndSpread([&statements](DBHandler &db) { return db.ExecCmdList(statements, true); });
+}
+
+int SenderQuota::GetSettingList(std::list<Setting> &out, unsigned int offset, int limit,
+                                const std::string &search) {
+  DBHandler db(kMailServerDBPath, kMailServerDBSchema);
+  if (!Open(db)) return -1;
+  char statement[kStatementSize];
+  const int from = static_cast<int>(offset);
+  if (limit != -1 && !search.empty()) {
+    sqlite3_snprintf(sizeof(statement), statement,
+                     "select * from sender_quota_table where sender like '%%%q%%' order by sender "
+                     "desc limit '%d' offset '%d';",
+                     search.c_str(), limit, from);
+  } else if (limit != -1) {
+    sqlite3_snprintf(sizeof(statement), statement,
+                     "select * from sender_quota_table order by sender desc limit '%d' offset "
+                     "'%d';",
+                     limit, from);
+  } else if (!search.empty()) {
+    sqlite3_snprintf(sizeof(statement), statement,
+                     "select * from sender_quota_table where sender like '%%%q%%' order by sender "
+                     "desc;",
+                     search.c_str());
+  } else {
+    sqlite3_snprintf(sizeof(statement), statement,
+                     "select * from sender_quota_table order by sender desc;");
+  }
+
+  sqlite3_stmt *rows = nullptr;
+  int rc = sqlite3_prepare_v2(db.getDB(), statement, -1, &rows, nullptr);
+  if (rc != SQLITE_OK) {
+    maillog(3, "%s:%d sqlite3_prepare_v2: [%d] %s\n", QSV_FILE, __LINE__, rc,
+            sqlite3_errmsg(db.getDB()));
+    return -1;
+  }
+  while ((rc = sqlite3_step(rows)) == SQLITE_ROW) out.push_back({SenderColumn(rows), QuotaColumn(rows)});
+  sqlite3_finalize(rows);
+  if (rc != SQLITE_DONE) {
+    maillog(3, "%s:%d sqlite3_step: [%d] %s\n", QSV_FILE, __LINE__, rc, sqlite3_errmsg(db.getDB()));
+    return -1;
+  }
+
+  sqlite3_stmt *count = nullptr;
+  rc = sqlite3_prepare_v2(db.getDB(), "select count(*) from sender_quota_table", -1, &count,
+                          nullptr);
+  int total = -1;
+  if (rc == SQLITE_OK && sqlite3_step(count) == SQLITE_ROW) {
+    total = sqlite3_column_int(count, 0);
+  } else {
+    maillog(3, "%s:%d sqlite3_step error, %s\n", QSV_FILE, __LINE__, sqlite3_errmsg(db.getDB()));
+  }
+  sqlite3_finalize(count);
+  return total;
+}
+
+int SenderQuota::GenerateConfig() {
+  Postfix postfix;
+  if (postfix.LoadSettings() != 0) {
+    maillog(3, "%s:%d load postfix settings fail", QSV_FILE, __LINE__);
+    return -1;
+  }
+  DBHandler db(kMailServerDBPath, kMailServerDBSchema);
+  if (!Open(db)) return -1;
+
+  char tmp[] = "/var/packages/Quillon-Server/target/etc/sender_quota_mapXXXXXX";
+  const int fd = mkostemp(tmp, O_CLOEXEC);
+  if (fd < 0) {
+    maillog(3, "%s:%d mkstemp %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
+    return -1;
+  }
+  if (!WriteMap(db, postfix, tmp, fd)) {
+    unlink(tmp);
+    return -1;
+  }
+  int rc;
+  ENTERCriticalSection;
+  rc = renameTmpFileAndChmod(tmp, kMapPath);
+  LEAVECriticalSection;
+  if (rc != 0) {
+    unlink(tmp);
+    return -1;
+  }
+  rc = KLIBCExec(kPostmap, kMapPath, nullptr, nullptr, KLIBC_EXEC_QUIET_WAIT);
+  if (rc != 0) {
+    maillog(3, "%s:%d postmap %s fail, ret=[%d]", QSV_FILE, __LINE__, kMapPath, rc);
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,61 @@
+// What the table tests share: a one-node cluster for each suite, so that a change can spread its
+// database file; a main.cf for the real postmap, which the sandbox's /etc lacks; and lookups in a
+// generated map through postmap itself.
+#ifndef MAILSERVER_TESTS_TABLES_TABLES_FIXTURE_H_
+#define MAILSERVER_TESTS_TABLES_TABLES_FIXTURE_H_
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "harness/one_node_cluster.h"
+#include "harness/recording_script.h"
+#include "kolt/exec.h"
+
+namespace qsvtest {
+
+const char kPostmap[] = "/var/packages/Quillon-Server/target/sbin/postmap";
+const char kStoreTool[] = "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
+
+class TablesTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    cluster_ = new OneNodeCluster();
+    if (access("/etc/postfix/main.cf", F_OK) != 0) WriteFile("/etc/postfix/main.cf", "");
+  }
+  static void TearDownTestSuite() {
+    delete cluster_;
+    cluster_ = nullptr;
+  }
+  static inline OneNodeCluster *cluster_ = nullptr;
+};
+
+// What `postmap -q key map` prints, without its newline; "" when the key matches nothing.
+inline std::string PostmapQuery(const std::string &key, const std::string &map) {
+  FILE *out = KLIBCPopen(kPostmap, "r", "-q", key.c_str(), map.c_str(), nullptr);
+  if (out == nullptr) return "(postmap did not start)";
+  std::string text;
+  char buffer[512];
+  size_t got;
+  while ((got = fread(buffer, 1, sizeof(buffer), out)) > 0) text.append(buffer, got);
+  KLIBCPclose(out);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+// For the life of the object every run of the key store tool fails: nothing can be spread.
+struct FailingStoreTool {
+  struct Aside {
+    Aside() { rename(kStoreTool, away.c_str()); }
+    ~Aside() { rename(away.c_str(), kStoreTool); }
+    const std::string away = std::string(kStoreTool) + ".aside";
+  } real;
+  RecordingScript tool{kStoreTool, 1};
+};
+
+}  // namespace qsvtest
+
+#endif  // MAILSERVER_TESTS_TABLES_TABLES_FIXTURE_H_
