@@ -40,8 +40,8 @@ const std::string &Schema() {
         "on attachment_filter_table(file_type);begin transaction;";
     for (const char *type : kDefaultTypes) {
       char insert[kStatementSize];
-      snprintf(insert, sizeof(insert), "insert or ignore into attachment_filter_table values ('%s');",
-               type);
+      snprintf(insert, sizeof(insert),
+               "insert or ignore into attachment_filter_table values ('%s');", type);
       text += insert;
     }
     return text + "commit transaction;";
@@ -161,7 +161,9 @@ int AttachmentFilter::GenerateConfig() {
   rc = renameTmpFileAndChmod(tmp.c_str(), kRulePath);
   renameErrno = errno;
   LEAVECriticalSection;
-  if (rc != 0) syslog(LOG_DEBUG, "%s:%d rename fail, %s", QSV_FILE, __LINE__, strerror(renameErrno));
+  if (rc != 0) {
+    syslog(LOG_DEBUG, "%s:%d rename fail, %s", QSV_FILE, __LINE__, strerror(renameErrno));
+  }
   // Gone already after a successful rename; after a failed one this is the clean-up.
   unlink(tmp.c_str());
   return rc == 0 ? 0 : -1;

@@ -168,7 +168,9 @@ int SenderQuota::GetSettingList(std::list<Setting> &out, unsigned int offset, in
             sqlite3_errmsg(db.getDB()));
     return -1;
   }
-  while ((rc = sqlite3_step(rows)) == SQLITE_ROW) out.push_back({SenderColumn(rows), QuotaColumn(rows)});
+  while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
+    out.push_back({SenderColumn(rows), QuotaColumn(rows)});
+  }
   sqlite3_finalize(rows);
   if (rc != SQLITE_DONE) {
     maillog(3, "%s:%d sqlite3_step: [%d] %s\n", QSV_FILE, __LINE__, rc, sqlite3_errmsg(db.getDB()));

@@ -18,7 +18,8 @@
 namespace qsvtest {
 
 const char kPostmap[] = "/var/packages/Quillon-Server/target/sbin/postmap";
-const char kStoreTool[] = "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
+const char kStoreTool[] =
+    "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
 
 class TablesTest : public testing::Test {
  protected:
