@@ -10,6 +10,13 @@
 //   mailserverctl domain add|del NAME
 //   mailserverctl domain list
 //   mailserverctl balancer elect|status
+//   mailserverctl quota set SENDER QUOTA
+//   mailserverctl quota del SENDER...
+//   mailserverctl quota list [SEARCH]
+//   mailserverctl quota export
+//   mailserverctl attachment add|del TYPE...
+//   mailserverctl attachment list [SEARCH]
+//   mailserverctl attachment export
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -24,6 +31,7 @@
 #include "kolt/exec.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/settings_commands.h"
+#include "mailserverctl/table_commands.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::Role;
@@ -43,7 +51,14 @@ int Usage() {
           "       mailserverctl settings set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl domain add|del NAME\n"
           "       mailserverctl domain list\n"
-          "       mailserverctl balancer elect|status\n");
+          "       mailserverctl balancer elect|status\n"
+          "       mailserverctl quota set SENDER QUOTA\n"
+          "       mailserverctl quota del SENDER...\n"
+          "       mailserverctl quota list [SEARCH]\n"
+          "       mailserverctl quota export\n"
+          "       mailserverctl attachment add|del TYPE...\n"
+          "       mailserverctl attachment list [SEARCH]\n"
+          "       mailserverctl attachment export\n");
   return 2;
 }
 
@@ -142,5 +157,24 @@ int main(int argc, char **argv) {
   }
   if (command == "domain" && args.size() == 3) return mailserverctl::DomainCommand(args[1], args[2]);
   if (command == "balancer" && args.size() == 2) return mailserverctl::BalancerCommand(args[1]);
+  if (command == "quota" || command == "attachment") {
+    const std::string word = args.size() >= 2 ? args[1] : "";
+    const std::vector<std::string> rest(args.begin() + (args.size() >= 2 ? 2 : 1), args.end());
+    const std::string search = rest.empty() ? "" : rest[0];
+    const bool quota = command == "quota";
+    if (word == "set" && quota && rest.size() == 2) {
+      return mailserverctl::QuotaSet(rest[0], rest[1]);
+    }
+    if (word == "add" && !quota && !rest.empty()) return mailserverctl::AttachmentAdd(rest);
+    if (word == "del" && !rest.empty()) {
+      return quota ? mailserverctl::QuotaDelete(rest) : mailserverctl::AttachmentDelete(rest);
+    }
+    if (word == "list" && rest.size() <= 1) {
+      return quota ? mailserverctl::QuotaList(search) : mailserverctl::AttachmentList(search);
+    }
+    if (word == "export" && rest.empty()) {
+      return quota ? mailserverctl::QuotaExport() : mailserverctl::AttachmentExport();
+    }
+  }
   return Usage();
 }
