@@ -27,7 +27,8 @@ const Tree kTrees[] = {
     {"quillon_server_lock", "", nullptr},
     {"suspend", "", nullptr},
     {"service_catalog", "", nullptr},
-    {"file", "", nullptr},
+    // the records of synced files, under the names their owners give them
+    {"file", "mailserver/file", nullptr},
 };
 
 // Keys placed outside the default tree, and the services that must follow a change of a key.
@@ -70,6 +71,13 @@ const KeyRow kKeys[] = {
     {"peer_info_hostname-", "cluster", {}},
     {"peer_info_mac-", "cluster", {}},
     {"peer_info_serial_num-", "cluster", {}},
+    // synced files
+    {"mailserver_alias_db", "file", {}},
+    {"mailserver_dailyquota_db", "file", {}},
+    {"mailserver_attachment_filter_db", "file", {}},
+    {"mailserver_global_access_db", "file", {}},
+    {"mailserver_dkim_sign_whitelist_db", "file", {}},
+    {"domain_setting_db", "file", {}},
     // SMTP
     {"smtp_", "conf", {kPostfix}},
     {"smtpd_", "conf", {kPostfix}},

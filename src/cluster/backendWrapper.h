@@ -10,9 +10,11 @@
 
 #include <json/json.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
+#include "cluster/file_key_val.h"
 #include "foundation/export.h"
 
 namespace KOLT {
@@ -55,6 +57,28 @@ class QSV_EXPORT QuillonServerBACKENDWrap {
                int kind, const std::string &tree);
   bool taskExist(const std::string &server, const std::string &taskId);
   static std::string composeFullQueueKeyPrefix(const std::string &server);
+
+  // File sync. A file travels as a whole: its content through the file buffer on the master
+  // balancer, its record (FileKeyVal) and the queue of nodes still to fetch it through the store.
+  // setFile and deleteFile are the callers' entries; the key watcher calls setFileSender when an
+  // upload key changes and setFileReceiver when a named key changes. All answer true on success
+  // and log what failed.
+  //
+  // Files must lie under szgAllowPrefix (foundation/path_check.h). `scriptAndArgs` may be null;
+  // else a null-terminated array: a script under szgAllowScriptPrefix, then its arguments, run on each receiver after the file has landed.
+  bool setFile(const std::string &key, const std::string &path, const char **scriptAndArgs);
+  bool deleteFile(const std::string &key, const std::string &path);
+  bool setFileSender(const std::string &uploadKey);
+  bool setFileReceiver(const std::string &key);
+  bool fetchFileKeyVal(const std::string &key, FileKeyVal &record);
+  bool hookKey(FileKeyVal &record, const std::string &key, bool direct);
+  bool dumpFileToBuffer(FileKeyVal &record);
+  bool deleteLocalFile(const FileKeyVal &record);
+  bool startNewTask(const std::string &hostId, const std::string &key, FileKeyVal &record,
+                    bool isDelete);
+  bool taskRemove(const std::string &hostId, const std::string &uploadKey, bool force,
+                  bool removeNamedKey);
+  bool lastTaskCheck(FileKeyVal &record, bool &isLast, bool removeAll);
 
   // Whether this node's address is the replication master's.
   bool isRedisMaster();

@@ -112,10 +112,12 @@ int UpdateCheck(const std::string &key, const std::string &oldValue, const std::
 
 }  // namespace
 
-int dumpMailConfToFile(const std::string &fileName, const std::string &key,
-                       const std::string &value, bool remove, bool completeKey,
-                       const std::string &dir, int ttl, bool sync,
-                       const MailConfUpdateCheck &check) {
+namespace {
+
+// dumpMailConfToFile up to the rename: the file alone, no flags.
+int WriteConfFile(const std::string &fileName, const std::string &key, const std::string &value,
+                  bool remove, bool completeKey, const std::string &dir, int ttl, bool sync,
+                  const MailConfUpdateCheck &check) {
   const std::string path = dir + fileName;
   ConfigFileLock lock(fileName);
   const std::string member = completeKey ? KeyTreeStore::instance()->keyComplete(key) : key;
@@ -191,6 +193,18 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
             tmp.c_str(), path.c_str(), strerror(errno));
     return -1;
   }
+  return 1;
+}
+
+}  // namespace
+
+int dumpMailConfToFile(const std::string &fileName, const std::string &key,
+                       const std::string &value, bool remove, bool completeKey,
+                       const std::string &dir, int ttl, bool sync,
+                       const MailConfUpdateCheck &check) {
+  const int written =
+      WriteConfFile(fileName, key, value, remove, completeKey, dir, ttl, sync, check);
+  if (written <= 0) return written;
 
   const std::vector<std::string> services = KeyTreeStore::instance()->getKeyServ(key);
   if (services.empty()) return 1;
@@ -414,4 +428,13 @@ int ftsRuleMapGet(FTS_RULE_TYPE type, std::map<std::string, bool> &rules, bool r
   for (const std::string &name : allowed) rules[name] = true;
   for (const std::string &name : forbidden) rules[name] = false;
   return 0;
+}
+
+int mailConfMirror(const std::string &key, const std::string &value, bool remove) {
+  const MailConfUpdateCheck changedOnly = [](const std::string &, const std::string &oldValue,
+                                             const std::string &newValue, bool,
+                                             int, bool) { return oldValue == newValue ? 0 : 1; };
+  // A removal always goes through: "" reads the same as a missing member.
+  return WriteConfFile(toLeagalFileName(key), key, value, remove, true, kMailConfDir, 0, false,
+                       remove ? MailConfUpdateCheck() : changedOnly);
 }

@@ -46,6 +46,12 @@ QSV_EXPORT int dumpMailConfToFile(const std::string &fileName, const std::string
                                   const std::string &dir, int ttl, bool sync,
                                   const MailConfUpdateCheck &check);
 
+// Brings this node's mirror of `key` in line with a value the backend already holds (or, with
+// `remove`, no longer holds): the file is rewritten only when the value differs, and nothing is
+// published or flagged, since the node that wrote the backend did that. For the key watcher.
+// -1 failure, 0 already current, 1 rewritten.
+QSV_EXPORT int mailConfMirror(const std::string &key, const std::string &value, bool remove);
+
 // Whether `key` currently reads as `value`.
 QSV_EXPORT bool mailConfCheckKeyValue(const char *key, const char *value);
 

@@ -93,7 +93,7 @@ std::unique_ptr<ServerProcess> ServerProcess::Redis(int port, const std::string 
 
 std::unique_ptr<ServerProcess> ServerProcess::Memcached(int port) {
   const pid_t pid = Spawn({"memcached", "-u", "root", "-l", "127.0.0.1", "-p",
-                           std::to_string(port), "-U", "0"});
+                           std::to_string(port), "-U", "0", "-m", "1024", "-I", "128m"});
   WaitUntilAnswers(pid, port, "version\r\n", "VERSION");
   return std::unique_ptr<ServerProcess>(new ServerProcess(pid, port));
 }

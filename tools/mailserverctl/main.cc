@@ -17,6 +17,8 @@
 //   mailserverctl attachment add|del TYPE...
 //   mailserverctl attachment list [SEARCH]
 //   mailserverctl attachment export
+//   mailserverctl file set KEY PATH [SCRIPT [ARG...]]
+//   mailserverctl file delete KEY [PATH]
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -29,6 +31,7 @@
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
 #include "kolt/exec.h"
+#include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/settings_commands.h"
 #include "mailserverctl/table_commands.h"
@@ -58,7 +61,9 @@ int Usage() {
           "       mailserverctl quota export\n"
           "       mailserverctl attachment add|del TYPE...\n"
           "       mailserverctl attachment list [SEARCH]\n"
-          "       mailserverctl attachment export\n");
+          "       mailserverctl attachment export\n"
+          "       mailserverctl file set KEY PATH [SCRIPT [ARG...]]\n"
+          "       mailserverctl file delete KEY [PATH]\n");
   return 2;
 }
 
@@ -157,6 +162,7 @@ int main(int argc, char **argv) {
   }
   if (command == "domain" && args.size() == 3) return mailserverctl::DomainCommand(args[1], args[2]);
   if (command == "balancer" && args.size() == 2) return mailserverctl::BalancerCommand(args[1]);
+  if (command == "file") return mailserverctl::FileCommand(args);
   if (command == "quota" || command == "attachment") {
     const std::string word = args.size() >= 2 ? args[1] : "";
     const std::vector<std::string> rest(args.begin() + (args.size() >= 2 ? 2 : 1), args.end());

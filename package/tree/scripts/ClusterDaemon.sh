@@ -155,7 +155,9 @@ start_memcached() {
     mkdir -p "$run"
     # memcached refuses to run as root unless told to.
     [ "$(id -u)" = 0 ] && user=(-u root)
-    if ! "$memcached" -d "${user[@]}" -l 127.0.0.1 -p $memcached_port -U 0 \
+    # A whole file is one value, and the spam databases run to tens of megabytes: the default
+    # 1 MB item limit would refuse them.
+    if ! "$memcached" -d "${user[@]}" -l 127.0.0.1 -p $memcached_port -U 0 -m 1024 -I 128m \
             -P "$memcached_pid" </dev/null >/dev/null 2>&1 9>&-; then
         log "memcached refused to start"
         return 1

@@ -1,0 +1,51 @@
+// kolt-quillon-server-key-watcher: follows this node's key store and carries out on this node
+// what the cluster's writes ask of it (see watcher.h). Runs in the foreground until killed;
+// ClusterDaemon.sh starts it in the background and keeps its pid file. Loses nothing when the
+// store goes away for a while: it reconnects and catches up.
+#include <signal.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include "store_link.h"
+#include "watcher.h"
+
+namespace {
+
+// A receiver that failed keeps its task; it is tried again this often even without an event.
+constexpr int kRetrySeconds = 30;
+
+}  // namespace
+
+int main() {
+  openlog("kolt-quillon-server-key-watcher", LOG_PID, LOG_DAEMON);
+  signal(SIGPIPE, SIG_IGN);
+  for (;;) {
+    // Subscribe first, catch up second: a change between the two is then seen twice rather than
+    // not at all, and seeing it twice is harmless.
+    std::unique_ptr<keywatcher::EventFeed> feed =
+        keywatcher::EventFeed::Open(keywatcher::FollowedPatterns());
+    std::unique_ptr<keywatcher::Reader> reader = feed ? keywatcher::Reader::Open() : nullptr;
+    if (!feed || !reader) {
+      sleep(1);
+      continue;
+    }
+    keywatcher::Watcher watcher(reader.get());
+    watcher.CatchUpMirrors();
+    watcher.CatchUpFiles();
+    time_t lastCatchUp = time(nullptr);
+    for (;;) {
+      std::string key, event;
+      const int got = feed->Next(&key, &event, 1000);
+      if (got < 0) break;
+      if (got > 0) watcher.Handle(key, event);
+      if (time(nullptr) - lastCatchUp >= kRetrySeconds) {
+        watcher.CatchUpFiles();
+        lastCatchUp = time(nullptr);
+      }
+    }
+    syslog(LOG_WARNING, "lost the key store; reconnecting");
+    sleep(1);
+  }
+}

@@ -1,0 +1,46 @@
+// What the watcher does with the keys it follows:
+//
+//   kv_file_upload/*        a file cycle started or a receiver asks again: setFileSender
+//   mailserver/file/*       a file's content waits in the buffer: setFileReceiver
+//   mailserver/conf/*, mailserver/cluster/*, mapping_table/*
+//                           a setting changed elsewhere: this node's mirror file follows
+//   mailserver/cluster/health_check_trigger
+//                           a liveness probe: this node answers in health_check_heartbeat_dir
+//
+// and, at start and every so often, what a node that was away must catch up on: the uploads it
+// sent, the tasks in its queue, the current value of every mirrored setting.
+#ifndef QSV_COMPANIONS_KEY_WATCHER_WATCHER_H_
+#define QSV_COMPANIONS_KEY_WATCHER_WATCHER_H_
+
+#include <string>
+#include <vector>
+
+#include "store_link.h"
+
+namespace keywatcher {
+
+// The key patterns to subscribe to.
+std::vector<std::string> FollowedPatterns();
+
+class Watcher {
+ public:
+  explicit Watcher(Reader *reader) : reader_(reader) {}
+
+  // One keyspace event.
+  void Handle(const std::string &key, const std::string &event);
+  // Sends what this node should have sent and fetches what it should have fetched.
+  void CatchUpFiles();
+  // Rewrites every mirror whose value differs from the store's.
+  void CatchUpMirrors();
+
+ private:
+  void Mirror(const std::string &key, bool removed);
+  // The file cycle of the task `taskKey` of this node's queue, if it is one.
+  void WorkOffTask(const std::string &taskKey);
+
+  Reader *reader_;
+};
+
+}  // namespace keywatcher
+
+#endif  // QSV_COMPANIONS_KEY_WATCHER_WATCHER_H_

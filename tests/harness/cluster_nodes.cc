@@ -1,0 +1,186 @@
+#include "harness/cluster_nodes.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+extern char **environ;
+
+namespace qsvtest {
+namespace {
+
+const char kNodeScript[] = QSV_HARNESS_DIR "/cluster_node";
+const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
+const char kWatcherPid[] = "/run/quillon_server/key_watcher.pid";
+const char kMirrors[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
+
+pid_t Spawn(const std::vector<std::string> &args) {
+  std::vector<char *> argv;
+  for (const auto &a : args) argv.push_back(const_cast<char *>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
+    throw std::runtime_error("cannot start " + args[0]);
+  }
+  return pid;
+}
+
+std::string Slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+bool Gone(pid_t pid) {
+  const std::string stat = Slurp("/proc/" + std::to_string(pid) + "/stat");
+  const size_t paren = stat.rfind(')');
+  return stat.empty() || (paren != std::string::npos && stat.compare(paren + 2, 1, "Z") == 0);
+}
+
+template <typename Ready>
+void WaitFor(const std::string &what, Ready ready) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!ready()) {
+    if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error(what);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+std::string Quote(const std::string &arg) {
+  std::string quoted = "'";
+  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+}  // namespace
+
+ClusterNodes::ClusterNodes(int count, const std::string &password) {
+  for (int node = 1; node <= count; ++node) {
+    pids_.push_back(Spawn({"unshare", "--mount", "--propagation", "private", "--", kNodeScript,
+                           Id(node), password}));
+  }
+  for (int node = 1; node <= count; ++node) {
+    WaitFor("node " + std::to_string(node) + " did not start its watcher",
+            [&] { return access(Path(node, kWatcherPid).c_str(), F_OK) == 0; });
+  }
+  // Every node asks the cached health before it syncs; /tmp is shared by all nodes.
+  mkdir("/tmp/quillon_server", 0755);
+  mkdir("/tmp/quillon_server/service_status", 0755);
+  std::ofstream("/tmp/quillon_server/service_status/cluster_health") << "{\"cluster_health\":\"yes\"}\n";
+
+  std::string ids;
+  std::vector<std::string> set = {std::string(getenv("QSV_BUILD_DIR")) + "/tools/mailserverctl",
+                                  "conf", "set"};
+  for (int node = 1; node <= count; ++node) {
+    ids += (node > 1 ? " " : "") + Id(node);
+    set.push_back(Id(node));
+    set.push_back("127.0.0." + std::to_string(node));
+  }
+  for (const char *key : {"cluster_peers", "consul_peers", "mailer", "storager", "balancer"}) {
+    set.push_back(key);
+    set.push_back(ids);
+  }
+  set.push_back("balancer_master_node");
+  set.push_back(Id(1));
+  if (Run(1, set) != 0) throw std::runtime_error("cannot publish the cluster's keys");
+  for (int node = 1; node <= count; ++node) {
+    WaitFor("node " + std::to_string(node) + " did not mirror the cluster's keys", [&] {
+      const std::string table = Slurp(Path(node, std::string(kMirrors) + "mapping_table"));
+      for (int other = 1; other <= count; ++other) {
+        if (table.find(Id(other)) == std::string::npos) return false;
+      }
+      return access(Path(node, std::string(kMirrors) + "balancer_master_node").c_str(), F_OK) ==
+                 0 &&
+             access(Path(node, std::string(kMirrors) + "consul_peers").c_str(), F_OK) == 0;
+    });
+  }
+}
+
+ClusterNodes::~ClusterNodes() {
+  for (size_t i = 0; i < pids_.size(); ++i) StopWatcher(static_cast<int>(i) + 1);
+  for (pid_t pid : pids_) {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+}
+
+std::string ClusterNodes::Path(int node, const std::string &path) const {
+  // An absolute link met below /proc/PID/root is resolved against our own root, not the node's:
+  // the links of the directories above the last part are followed here, by hand.
+  const std::string root = "/proc/" + std::to_string(pids_.at(node - 1)) + "/root";
+  std::string done;
+  std::string rest = path;
+  for (int hops = 0; hops < 40;) {
+    while (!rest.empty() && rest[0] == '/') rest.erase(0, 1);
+    const size_t slash = rest.find('/');
+    if (slash == std::string::npos) break;  // the last part is the caller's business
+    const std::string part = rest.substr(0, slash);
+    rest.erase(0, slash + 1);
+    char target[4096];
+    const ssize_t n = readlink((root + done + "/" + part).c_str(), target, sizeof(target) - 1);
+    if (n <= 0) {
+      done += "/" + part;
+      continue;
+    }
+    ++hops;
+    target[n] = '\0';
+    if (target[0] == '/') {
+      rest = std::string(target) + "/" + rest;
+      done.clear();
+    } else {
+      rest = std::string(target) + "/" + rest;
+    }
+  }
+  return root + done + "/" + rest;
+}
+
+int ClusterNodes::Run(int node, const std::vector<std::string> &argv) const {
+  std::vector<std::string> args = {
+      "nsenter", "--mount=/proc/" + std::to_string(pids_.at(node - 1)) + "/ns/mnt", "--"};
+  args.insert(args.end(), argv.begin(), argv.end());
+  int status = 0;
+  if (waitpid(Spawn(args), &status, 0) < 0 || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+void ClusterNodes::StopWatcher(int node) {
+  const pid_t pid = atoi(Slurp(Path(node, kWatcherPid)).c_str());
+  if (pid <= 0) return;
+  kill(pid, SIGTERM);
+  WaitFor("the watcher of node " + std::to_string(node) + " did not stop",
+          [&] { return Gone(pid); });
+  unlink(Path(node, kWatcherPid).c_str());
+}
+
+void ClusterNodes::StartWatcher(int node) {
+  if (Run(node, {kClusterDaemon, "start"}) != 0) {
+    throw std::runtime_error("ClusterDaemon.sh start failed on node " + std::to_string(node));
+  }
+}
+
+std::string StoreCommand(const std::string &password, const std::vector<std::string> &args) {
+  std::string command = "REDISCLI_AUTH=" + Quote(password) + " redis-cli -p 8500";
+  for (const std::string &arg : args) command += " " + Quote(arg);
+  FILE *pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return "";
+  std::string out;
+  char piece[4096];
+  size_t n;
+  while ((n = fread(piece, 1, sizeof(piece), pipe)) > 0) out.append(piece, n);
+  pclose(pipe);
+  while (!out.empty() && out.back() == '\n') out.pop_back();
+  return out;
+}
+
+}  // namespace qsvtest
