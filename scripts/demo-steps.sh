@@ -56,6 +56,24 @@ mkdir -p /tmp/quillon_server/service_status
 printf '{"%s":"0"}\n' "$id" > /tmp/quillon_server/service_status/mailserver_service_balancer
 show "$ctl" balancer elect
 
+step "Sender quotas and the attachment filter, read back with Postfix's own postmap"
+etc=/var/packages/Quillon-Server/target/etc
+postmap=/var/packages/Quillon-Server/target/sbin/postmap
+show "$ctl" quota set alice 200
+show "$ctl" quota set bob 50
+show "$ctl" quota list
+show "$ctl" quota export
+printf 'map: '; cat "$etc/sender_quota_map"
+name=$(head -n 1 "$etc/sender_quota_map" | cut -d' ' -f1)
+printf 'postmap -q %s -> %s\n' "$name" "$("$postmap" -q "$name" "hash:$etc/sender_quota_map")"
+echo "A quota above 99999 is refused:"
+if "$ctl" quota set carol 100000; then echo "UNEXPECTED"; exit 1; fi
+show "$ctl" attachment add exe
+show "$ctl" attachment export
+for n in 'name="evil.exe"' 'name="report.pdf"' 'name="combat.txt"'; do
+    printf 'postmap -q %-22s -> %s\n' "'$n'" "$("$postmap" -q "$n" "pcre:$etc/attachment_filter.pcre" || true)"
+done
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop

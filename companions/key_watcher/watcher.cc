@@ -1,6 +1,9 @@
 #include "watcher.h"
 
 #include <syslog.h>
+#include <unistd.h>
+
+#include <memory>
 
 #include "cluster/backendWrapper.h"
 #include "cluster/file_key_val.h"
@@ -8,6 +11,7 @@
 #include "config/mail_conf.h"
 #include "core/key_tree_store.h"
 
+using KOLT::QUILLON_SERVER::FileKeyVal;
 using KOLT::QUILLON_SERVER::FileUploadKey;
 using KOLT::QUILLON_SERVER::KeyTreeStore;
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
@@ -39,6 +43,24 @@ bool IsFileRecord(const std::string &value) {
 
 std::string HostId() { return KOLTMailNodeCluster().getHostID(); }
 
+bool ParseRecord(const std::string &value, FileKeyVal &record) {
+  Json::Value json;
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  return reader->parse(value.data(), value.data() + value.size(), &json, nullptr) &&
+         record.fromJson(json);
+}
+
+// Whether the cluster has a node other than `id`.
+bool HasPeers(const std::string &id) {
+  std::vector<std::string> peers;
+  KOLTMailNodeCluster().listBackendPeers(peers);
+  for (const std::string &peer : peers) {
+    if (peer != id) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 std::vector<std::string> FollowedPatterns() {
@@ -52,19 +74,19 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
   const bool written = event == "set";
   const bool removed = event == "del" || event == "expired";
   if (!written && !removed) return;
+  std::string value;
   if (StartsWith(key, kUploadPrefix)) {
-    if (written) QuillonServerBACKENDWrap().setFileSender(key);
+    if (written && reader_->Get(key, &value)) Offered(key, value);
     return;
   }
   if (StartsWith(key, kFilePrefix)) {
-    if (written) QuillonServerBACKENDWrap().setFileReceiver(KeyTreeStore::instance()->keyShort(key));
+    if (written && reader_->Get(key, &value)) Arrived(key, value);
     return;
   }
   if (!IsMirrored(key)) return;
-  std::string value;
   // A caller may name a file by any key; its value, the cycle's record, is no setting to mirror.
   if (written && reader_->Get(key, &value) && IsFileRecord(value)) {
-    QuillonServerBACKENDWrap().setFileReceiver(KeyTreeStore::instance()->keyShort(key));
+    Arrived(key, value);
     return;
   }
   Mirror(key, removed);
@@ -74,6 +96,34 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
       QuillonServerBACKENDWrap().setKey("health_check_heartbeat_dir/" + id, "alive", 0);
     }
   }
+}
+
+// The library's upload lock is tried once a second: a call made while another node holds it
+// loses a second. Most of that is avoidable, since the watcher can see who needs to act and
+// when the lock is free; the lock itself still decides.
+
+void Watcher::Offered(const std::string &uploadKey, const std::string &value) {
+  FileKeyVal record;
+  // Only the sender uploads; a delete is carried out everywhere.
+  if (ParseRecord(value, record) && !record.isDelete && record.senderID != HostId()) return;
+  WaitForUnlocked(uploadKey);
+  QuillonServerBACKENDWrap().setFileSender(uploadKey);
+}
+
+void Watcher::Arrived(const std::string &namedKey, const std::string &value) {
+  FileKeyVal record;
+  const std::string id = HostId();
+  // The sender's own call only tidies up, which the last receiver does anyway; alone in the
+  // cluster it is the one that must.
+  if (ParseRecord(value, record) && record.senderID == id && HasPeers(id)) return;
+  WaitForUnlocked(FileUploadKey(KeyTreeStore::instance()->keyShort(namedKey)));
+  QuillonServerBACKENDWrap().setFileReceiver(KeyTreeStore::instance()->keyShort(namedKey));
+}
+
+void Watcher::WaitForUnlocked(const std::string &uploadKey) {
+  const std::string lock = "quillon_server_lock/" + uploadKey;
+  std::string holder;
+  for (int i = 0; i < 2500 && reader_->Get(lock, &holder); ++i) usleep(2000);
 }
 
 void Watcher::Mirror(const std::string &key, bool removed) {

@@ -34,6 +34,11 @@ class Watcher {
   void CatchUpMirrors();
 
  private:
+  // An upload key or a named key was written with `value`.
+  void Offered(const std::string &uploadKey, const std::string &value);
+  void Arrived(const std::string &namedKey, const std::string &value);
+  // Returns once nobody holds the upload lock of `uploadKey`, or after a few seconds.
+  void WaitForUnlocked(const std::string &uploadKey);
   void Mirror(const std::string &key, bool removed);
   // The file cycle of the task `taskKey` of this node's queue, if it is one.
   void WorkOffTask(const std::string &taskKey);

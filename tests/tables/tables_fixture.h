@@ -1,6 +1,5 @@
 // What the table tests share: a one-node cluster for each suite, so that a change can spread its
-// database file; a main.cf for the real postmap, which the sandbox's /etc lacks; and lookups in a
-// generated map through postmap itself.
+// database file; and lookups in a generated map through postmap itself.
 #ifndef MAILSERVER_TESTS_TABLES_TABLES_FIXTURE_H_
 #define MAILSERVER_TESTS_TABLES_TABLES_FIXTURE_H_
 
@@ -23,10 +22,7 @@ const char kStoreTool[] =
 
 class TablesTest : public testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    cluster_ = new OneNodeCluster();
-    if (access("/etc/postfix/main.cf", F_OK) != 0) WriteFile("/etc/postfix/main.cf", "");
-  }
+  static void SetUpTestSuite() { cluster_ = new OneNodeCluster(); }
   static void TearDownTestSuite() {
     delete cluster_;
     cluster_ = nullptr;
