@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <memory>
 
 #include "cluster/backendWrapper.h"
@@ -115,9 +116,31 @@ void Watcher::Arrived(const std::string &namedKey, const std::string &value) {
   const std::string id = HostId();
   // The sender's own call only tidies up, which the last receiver does anyway; alone in the
   // cluster it is the one that must.
-  if (ParseRecord(value, record) && record.senderID == id && HasPeers(id)) return;
+  const bool parsed = ParseRecord(value, record);
+  if (parsed && record.senderID == id && HasPeers(id)) return;
+  if (parsed) WaitForEarlierReceivers(record, id);
   WaitForUnlocked(FileUploadKey(KeyTreeStore::instance()->keyShort(namedKey)));
   QuillonServerBACKENDWrap().setFileReceiver(KeyTreeStore::instance()->keyShort(namedKey));
+}
+
+// Receivers that woke together would meet at the lock, and all but one would lose a second.
+// Each lets the receivers listed before it go first, but waits no longer than that second: a
+// node that is away keeps its task, and the others must not wait for it.
+void Watcher::WaitForEarlierReceivers(const FileKeyVal &record, const std::string &id) {
+  std::vector<std::string> peers;
+  KOLTMailNodeCluster().listBackendPeers(peers);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  for (const std::string &peer : peers) {
+    if (peer == id) return;
+    if (peer == record.senderID) continue;
+    const std::string task =
+        QuillonServerBACKENDWrap::composeFullQueueKeyPrefix(peer) + "/" + record.taskQueueKey;
+    std::string pending;
+    while (reader_->Get(task, &pending)) {
+      if (std::chrono::steady_clock::now() > deadline) return;
+      usleep(2000);
+    }
+  }
 }
 
 void Watcher::WaitForUnlocked(const std::string &uploadKey) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "cluster/file_key_val.h"
 #include "store_link.h"
 
 namespace keywatcher {
@@ -37,6 +38,8 @@ class Watcher {
   // An upload key or a named key was written with `value`.
   void Offered(const std::string &uploadKey, const std::string &value);
   void Arrived(const std::string &namedKey, const std::string &value);
+  void WaitForEarlierReceivers(const KOLT::QUILLON_SERVER::FileKeyVal &record,
+                               const std::string &id);
   // Returns once nobody holds the upload lock of `uploadKey`, or after a few seconds.
   void WaitForUnlocked(const std::string &uploadKey);
   void Mirror(const std::string &key, bool removed);

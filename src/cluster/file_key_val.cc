@@ -14,7 +14,12 @@ namespace {
 const char *const kRequiredMembers[] = {"senderID", "timestamp",    "srcFilePath", "dstFilePath",
                                         "fileContentKey", "taskQueueKey", "randNum", "pathInfo"};
 
-std::string Quoted(const std::string &text) { return Json::valueToQuotedString(text.c_str()); }
+// A JSON string of `text`, all of it: a NUL inside a path or an argument is kept, not cut off.
+std::string Quoted(const std::string &text) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, Json::Value(text));
+}
 
 void AddMember(std::string &out, const char *name, const std::string &jsonValue) {
   out += out.size() > 1 ? "," : "";
