@@ -106,7 +106,10 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
 void Watcher::Offered(const std::string &uploadKey, const std::string &value) {
   FileKeyVal record;
   // Only the sender uploads; a delete is carried out everywhere.
-  if (ParseRecord(value, record) && !record.isDelete && record.senderID != HostId()) return;
+  const bool parsed = ParseRecord(value, record);
+  const std::string id = HostId();
+  if (parsed && !record.isDelete && record.senderID != id) return;
+  if (parsed && record.isDelete) WaitForEarlierReceivers(record, id);
   WaitForUnlocked(uploadKey);
   QuillonServerBACKENDWrap().setFileSender(uploadKey);
 }
@@ -132,7 +135,7 @@ void Watcher::WaitForEarlierReceivers(const FileKeyVal &record, const std::strin
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
   for (const std::string &peer : peers) {
     if (peer == id) return;
-    if (peer == record.senderID) continue;
+    if (peer == record.senderID && !record.isDelete) continue;  // a delete has a task there too
     const std::string task =
         QuillonServerBACKENDWrap::composeFullQueueKeyPrefix(peer) + "/" + record.taskQueueKey;
     std::string pending;
