@@ -14,14 +14,16 @@ namespace {
 const char *const kRequiredMembers[] = {"senderID", "timestamp",    "srcFilePath", "dstFilePath",
                                         "fileContentKey", "taskQueueKey", "randNum", "pathInfo"};
 
-// A JSON string of `text`, all of it: a NUL inside a path or an argument is kept, not cut off.
+// A JSON string of `text`, all of it: a NUL or a stray byte inside a path is kept, not cut off or
+// replaced, so that a record reads back as it was written.
 std::string Quoted(const std::string &text) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
+  builder["emitUTF8"] = true;  // bytes as they are: a name need not be valid UTF-8
   return Json::writeString(builder, Json::Value(text));
 }
 
-void AddMember(std::string &out, const char *name, const std::string &jsonValue) {
+void AddMember(std::string &out, const std::string &name, const std::string &jsonValue) {
   out += out.size() > 1 ? "," : "";
   out += Quoted(name);
   out += ':';
@@ -106,7 +108,7 @@ std::string FileKeyVal::serialize(int counter) const {
     AddMember(info, "uid", std::to_string(entry.second.uid));
     AddMember(info, "gid", std::to_string(entry.second.gid));
     AddMember(info, "isDir", entry.second.isDir ? "true" : "false");
-    AddMember(paths, entry.first.c_str(), info + "}");
+    AddMember(paths, entry.first, info + "}");
   }
   AddMember(out, "pathInfo", paths + "}");
   AddMember(out, "randNum", std::to_string(counter));
