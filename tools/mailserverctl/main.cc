@@ -19,6 +19,7 @@
 //   mailserverctl attachment export
 //   mailserverctl file set KEY PATH [SCRIPT [ARG...]]
 //   mailserverctl file delete KEY [PATH]
+//   mailserverctl relay host|client|export ...   (see relay_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -33,6 +34,7 @@
 #include "kolt/exec.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
+#include "mailserverctl/relay_commands.h"
 #include "mailserverctl/settings_commands.h"
 #include "mailserverctl/table_commands.h"
 
@@ -63,7 +65,16 @@ int Usage() {
           "       mailserverctl attachment list [SEARCH]\n"
           "       mailserverctl attachment export\n"
           "       mailserverctl file set KEY PATH [SCRIPT [ARG...]]\n"
-          "       mailserverctl file delete KEY [PATH]\n");
+          "       mailserverctl file delete KEY [PATH]\n"
+          "       mailserverctl relay host mode none|single|multiple\n"
+          "       mailserverctl relay host set SERVER PORT [OPTION...]\n"
+          "       mailserverctl relay host add sender|recipient SERVER PORT RULE... [OPTION...]\n"
+          "       mailserverctl relay host del|enable|disable SERVICE\n"
+          "       mailserverctl relay host list\n"
+          "       mailserverctl relay client add network|domain PATTERN [DESCRIPTION]\n"
+          "       mailserverctl relay client del|enable|disable network|domain PATTERN\n"
+          "       mailserverctl relay client list\n"
+          "       mailserverctl relay export\n");
   return 2;
 }
 
@@ -163,6 +174,9 @@ int main(int argc, char **argv) {
   if (command == "domain" && args.size() == 3) return mailserverctl::DomainCommand(args[1], args[2]);
   if (command == "balancer" && args.size() == 2) return mailserverctl::BalancerCommand(args[1]);
   if (command == "file") return mailserverctl::FileCommand(args);
+  if (command == "relay") {
+    return mailserverctl::RelayCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
   if (command == "quota" || command == "attachment") {
     const std::string word = args.size() >= 2 ? args[1] : "";
     const std::vector<std::string> rest(args.begin() + (args.size() >= 2 ? 2 : 1), args.end());
