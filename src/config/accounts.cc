@@ -8,10 +8,13 @@
 #include "foundation/user_names.h"
 #include "kolt/szlist.h"
 #include "kolt/user.h"
+#include "tables/alias.h"
 
 using KOLT::QUILLON_SERVER::ConvertToUTF8;
 
 namespace {
+
+constexpr char kAliasDBPath[] = "/var/packages/Quillon-Server/etc/alias.db";
 
 std::string AccountType(Postfix &postfix) {
   return boost::any_cast<Value<std::string>>(postfix.Get("account_type")).value;
@@ -147,5 +150,14 @@ std::map<std::string, int> GetValidMap(const int &type) {
     }
   }
   KLIBCSzListFree(users);
+
+  // Plain names of the map stand for the first domain, so its aliases are the ones that count.
+  Alias alias(kAliasDBPath);
+  std::list<DomainAlias> aliases;
+  if (alias.load() != 0 || alias.getDomainAliasList(1, aliases) != 0) {
+    maillog(3, "%s:%d fail to get domain alias", QSV_FILE, __LINE__);
+    return valid;
+  }
+  for (const DomainAlias &entry : aliases) valid[entry.alias] = type;
   return valid;
 }

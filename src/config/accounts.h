@@ -26,8 +26,8 @@ QSV_EXPORT int mailDirPathGet_c(const char *user, char *buffer, size_t size);
 // The UTF-8 forms of every served domain and of their further names. 0, or -1.
 QSV_EXPORT int loadAllUtf8DomainList(std::list<std::string> &domains);
 
-// The valid mail names: the short names of the server's users, and (once aliases are kept) the
-// domain aliases. Only the user half is there yet.
+// The valid mail names, each mapped to `type`: the short names of the server's users and the
+// aliases of the first domain.
 QSV_EXPORT std::map<std::string, int> GetValidMap(const int &type);
 
 #endif  // MAILSERVER_CONFIG_ACCOUNTS_H_

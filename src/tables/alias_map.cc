@@ -1,0 +1,143 @@
+// The Postfix alias map of one domain: written from the table, and read back into it.
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+
+#include "config/accounts.h"
+#include "config/postfix.h"
+#include "foundation/log.h"
+#include "foundation/strings.h"
+#include "kolt/str.h"
+#include "tables/alias.h"
+
+namespace {
+
+bool IsReservedName(const std::string &name) {
+  for (const char *reserved : {"postmaster", "mailer-daemon", "root"}) {
+    if (strcasecmp(name.c_str(), reserved) == 0) return true;
+  }
+  return false;
+}
+
+std::string RemoveBlanks(const char *line) {
+  std::string text;
+  for (const char *c = line; *c != '\0'; ++c) {
+    if (*c != ' ' && *c != '\t') text += *c;
+  }
+  return text;
+}
+
+}  // namespace
+
+int Alias::ExportAlias(const std::string &path, const int &domain) {
+  FILE *out = fopen(path.c_str(), "we");
+  if (out == nullptr) {
+    maillog(3, "%s:%d open file %s fail", QSV_FILE, __LINE__, path.c_str());
+    return -1;
+  }
+  fputs("MAILER-DAEMON: postmaster\n", out);
+  fputs("postmaster: root\n", out);
+
+  // One settings load for the whole map rather than one per alias.
+  Postfix postfix;
+  std::string accountType;
+  const bool settingsLoaded = postfix.LoadSettings() >= 0;
+  if (settingsLoaded) {
+    accountType = boost::any_cast<Value<std::string>>(postfix.Get("account_type")).value;
+  } else {
+    maillog(7, "%s:%d load postfix setting fail", QSV_FILE, __LINE__);
+  }
+
+  for (const DomainAlias &alias : aliasList_) {
+    if (alias.domain != domain) continue;
+    std::list<MemberInfo> members;
+    if (loadMember(alias, members) != 0) {
+      maillog(1, "%s:%d load alias: %s member list fail", QSV_FILE, __LINE__,
+              alias.alias.c_str());
+      continue;
+    }
+    if (members.empty()) continue;
+    std::list<std::string> names;
+    if (settingsLoaded) {
+      _getLocalMemberList(members, accountType, names);
+    } else {
+      maillog(7, "%s:%d Get local member fail, alias member list will be empty", QSV_FILE,
+              __LINE__);
+    }
+    const std::string joined = StringJoin(names, ", ");
+    if (joined.empty()) {
+      maillog(1, "%s:%d join %s member list fail", QSV_FILE, __LINE__, alias.alias.c_str());
+      continue;
+    }
+    fprintf(out, "%s: %s\n", alias.alias.c_str(), joined.c_str());
+  }
+  fclose(out);
+  return 0;
+}
+
+int Alias::ImportAlias(const std::string &path, const int &domain) {
+  FILE *in = fopen(path.c_str(), "re");
+  if (in == nullptr) return -1;
+
+  std::map<std::string, std::list<MemberInfo>> entries;
+  char *line = nullptr;
+  size_t capacity = 0;
+  while (getdelim(&line, &capacity, '\n', in) != -1) {
+    if (KLIBCStrTrimSpace(line, 0) < 0) {
+      maillog(7, "%s:%d trim space fail: %s", QSV_FILE, __LINE__, line);
+      continue;
+    }
+    if (line[0] == '#' || line[0] == '\n' || line[0] == ' ' || line[0] == '\0') continue;
+    const std::string text = RemoveBlanks(line);
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos) continue;
+    const std::string name = text.substr(0, colon);
+    // The fixed lines of every exported map and the reserved alias are not the domain's own.
+    if (IsReservedName(name)) continue;
+    std::list<MemberInfo> members;
+    for (const std::string &piece : StringSplit(text.c_str() + colon + 1, ",")) {
+      members.push_back({piece, piece.find('@') != std::string::npos ? MEMBER_EMAIL : MEMBER_USER});
+    }
+    entries[name] = members;
+  }
+  free(line);
+
+  for (auto &entry : entries) {
+    for (MemberInfo &member : entry.second) {
+      if (member.type == MEMBER_EMAIL) continue;
+      const auto defined = entries.find(member.member);
+      if (defined != entries.end() && !defined->second.empty()) {
+        member.type = MEMBER_ALIAS;
+        continue;
+      }
+      if (member.member.empty()) {
+        maillog(7, "%s:%d Illegal domain alias name", QSV_FILE, __LINE__);
+        continue;
+      }
+      for (const DomainAlias &known : aliasList_) {
+        if (known.domain == domain && known.alias == member.member) {
+          member.type = MEMBER_ALIAS;
+          break;
+        }
+      }
+    }
+  }
+
+  // The map holds local names; the table keeps users in the full form of the account source.
+  Postfix postfix;
+  if (postfix.LoadSettings() >= 0 &&
+      boost::any_cast<Value<std::string>>(postfix.Get("account_type")).value != "local") {
+    for (auto &entry : entries) {
+      for (MemberInfo &member : entry.second) {
+        if (member.type != MEMBER_USER) continue;
+        member.member = getFullUsername(postfix, member.member, false);
+      }
+    }
+  }
+
+  for (const auto &entry : entries) addMember({domain, entry.first}, entry.second);
+  fclose(in);
+  return 0;
+}
