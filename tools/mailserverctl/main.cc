@@ -17,6 +17,10 @@
 //   mailserverctl attachment add|del TYPE...
 //   mailserverctl attachment list [SEARCH]
 //   mailserverctl attachment export
+//   mailserverctl alias add DOMAIN ALIAS MEMBER...
+//   mailserverctl alias del DOMAIN ALIAS [MEMBER...]
+//   mailserverctl alias members|expand DOMAIN ALIAS
+//   mailserverctl alias export|import DOMAIN PATH
 //   mailserverctl file set KEY PATH [SCRIPT [ARG...]]
 //   mailserverctl file delete KEY [PATH]
 //   mailserverctl relay host|client|export ...   (see relay_commands.h)
@@ -32,6 +36,7 @@
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
 #include "kolt/exec.h"
+#include "mailserverctl/alias_commands.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/relay_commands.h"
@@ -64,6 +69,11 @@ int Usage() {
           "       mailserverctl attachment add|del TYPE...\n"
           "       mailserverctl attachment list [SEARCH]\n"
           "       mailserverctl attachment export\n"
+          "       mailserverctl alias add DOMAIN ALIAS MEMBER...\n"
+          "       mailserverctl alias del DOMAIN ALIAS [MEMBER...]\n"
+          "       mailserverctl alias members|expand DOMAIN ALIAS\n"
+          "       mailserverctl alias export|import DOMAIN PATH\n"
+          "         (MEMBER: a user, user:NAME, group:NAME, alias:NAME or an address)\n"
           "       mailserverctl file set KEY PATH [SCRIPT [ARG...]]\n"
           "       mailserverctl file delete KEY [PATH]\n"
           "       mailserverctl relay host mode none|single|multiple\n"
@@ -174,6 +184,9 @@ int main(int argc, char **argv) {
   if (command == "domain" && args.size() == 3) return mailserverctl::DomainCommand(args[1], args[2]);
   if (command == "balancer" && args.size() == 2) return mailserverctl::BalancerCommand(args[1]);
   if (command == "file") return mailserverctl::FileCommand(args);
+  if (command == "alias" && args.size() >= 4) {
+    return mailserverctl::AliasCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
   if (command == "relay") {
     return mailserverctl::RelayCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
