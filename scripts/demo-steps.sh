@@ -74,6 +74,43 @@ for n in 'name="evil.exe"' 'name="report.pdf"' 'name="combat.txt"'; do
     printf 'postmap -q %-22s -> %s\n' "'$n'" "$("$postmap" -q "$n" "pcre:$etc/attachment_filter.pcre" || true)"
 done
 
+step "Aliases of a domain, nested and even circular, and the map Postfix reads"
+for u in alice bob carol dave; do getent passwd "$u" >/dev/null || useradd -M "$u"; done
+show "$ctl" alias add example.com team alice bob
+show "$ctl" alias add example.com all alias:team carol
+show "$ctl" alias add example.com ops alias:all dave
+echo "team now contains ops, which contains all, which contains team:"
+show "$ctl" alias add example.com team alias:ops
+show "$ctl" alias members example.com ops
+echo "Expanded, each final member once:"
+show "$ctl" alias expand example.com ops
+show "$ctl" alias export example.com /tmp/example.com.aliases
+cat /tmp/example.com.aliases
+/var/packages/Quillon-Server/target/sbin/postalias /tmp/example.com.aliases
+printf 'postalias -q ops -> %s\n' "$(/var/packages/Quillon-Server/target/sbin/postalias -q ops /tmp/example.com.aliases)"
+echo "An unknown domain is refused and nothing changes:"
+if "$ctl" alias add nowhere.test x alice; then echo "UNEXPECTED"; exit 1; fi
+
+step "Relays: a sender relay with credentials, a recipient relay for a Unicode domain"
+show "$ctl" relay host mode multiple
+show "$ctl" relay host add sender relay.example.net 587 example.com --tls --auth relayuser secret
+show "$ctl" relay host add recipient smtp.bücher.example 25 bücher.example
+show "$ctl" relay client add network 192.168.10.0/24
+show "$ctl" relay client add domain bücher.example
+show "$ctl" relay export
+printf 'postmap -q %-22s sender_relay -> %s\n' @example.com \
+    "$("$postmap" -q @example.com "hash:$etc/sender_relay" || true)"
+printf 'postmap -q %-22s its password -> %s\n' "[relay.example.net]:587" \
+    "$("$postmap" -q "[relay.example.net]:587" "hash:$etc/relay/sasl_passwd_relay-sender0" || true)"
+for q in bücher.example xn--bcher-kva.example; do
+    printf 'postmap -q %-22s transport -> %s\n' "$q" \
+        "$("$postmap" -q "$q" "hash:$etc/relay_transport" || true)"
+done
+printf 'postmap -q %-22s relay_domains -> %s\n' xn--bcher-kva.example \
+    "$("$postmap" -q xn--bcher-kva.example "hash:$etc/relay_domains" || true)"
+echo "A port out of range is refused and nothing changes:"
+if "$ctl" relay host add sender relay.example.net 65536 example.com; then echo "UNEXPECTED"; exit 1; fi
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop
