@@ -1,5 +1,5 @@
 // kolt-quillon-server-key-watcher: follows this node's key store and carries out on this node
-// what the cluster's writes ask of it (see watcher.h). Runs in the foreground until killed;
+// what the cluster's writes ask of it (see watcher.h). Runs in the foreground until SIGTERM;
 // ClusterDaemon.sh starts it in the background and keeps its pid file. Loses nothing when the
 // store goes away for a while: it reconnects and catches up.
 #include <signal.h>
@@ -16,12 +16,22 @@ namespace {
 // A receiver that failed keeps its task; it is tried again this often even without an event.
 constexpr int kRetrySeconds = 30;
 
+// A stop request is honoured between two events, never inside one: a watcher killed while it
+// holds a file's upload lock would leave the lock behind for a day, and the file with it.
+volatile sig_atomic_t stopping = 0;
+
+void RequestStop(int) { stopping = 1; }
+
 }  // namespace
 
 int main() {
   openlog("kolt-quillon-server-key-watcher", LOG_PID, LOG_DAEMON);
   signal(SIGPIPE, SIG_IGN);
-  for (;;) {
+  struct sigaction stop = {};
+  stop.sa_handler = RequestStop;
+  sigaction(SIGTERM, &stop, nullptr);
+  sigaction(SIGINT, &stop, nullptr);
+  while (!stopping) {
     // Subscribe first, catch up second: a change between the two is then seen twice rather than
     // not at all, and seeing it twice is harmless.
     std::unique_ptr<keywatcher::EventFeed> feed =
@@ -35,7 +45,7 @@ int main() {
     watcher.CatchUpMirrors();
     watcher.CatchUpFiles();
     time_t lastCatchUp = time(nullptr);
-    for (;;) {
+    while (!stopping) {
       std::string key, event;
       const int got = feed->Next(&key, &event, 1000);
       if (got < 0) break;
@@ -45,7 +55,9 @@ int main() {
         lastCatchUp = time(nullptr);
       }
     }
+    if (stopping) break;
     syslog(LOG_WARNING, "lost the key store; reconnecting");
     sleep(1);
   }
+  return 0;
 }
