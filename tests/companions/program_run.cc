@@ -62,14 +62,12 @@ ProgramRun RunProgram(const std::vector<std::string> &args) {
 }
 
 ProgramRun RunTool(const std::vector<std::string> &args) {
-  std::vector<std::string> argv = {
-      "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils"};
+  std::vector<std::string> argv = {"/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils"};
   argv.insert(argv.end(), args.begin(), args.end());
   return RunProgram(argv);
 }
 
-ProgramRun Backend(const std::string &word, const std::string &key,
-                   const std::vector<std::string> &more) {
+ProgramRun Backend(const std::string &word, const std::string &key, const std::vector<std::string> &more) {
   std::vector<std::string> args = {"backend-command", "--command", word, "--key", key};
   args.insert(args.end(), more.begin(), more.end());
   return RunTool(args);
@@ -88,23 +86,15 @@ DirectRedis::~DirectRedis() { redisFree(context_); }
 std::string DirectRedis::Command(const std::vector<std::string> &args) {
   std::vector<const char *> argv;
   std::vector<size_t> lengths;
-  for (const auto &a : args) {
-    argv.push_back(a.data());
-    lengths.push_back(a.size());
-  }
+  for (const auto &a : args) argv.push_back(a.data()), lengths.push_back(a.size());
   auto *reply = static_cast<redisReply *>(
       redisCommandArgv(context_, static_cast<int>(args.size()), argv.data(), lengths.data()));
   if (reply == nullptr) throw std::runtime_error("lost the test's Redis connection");
-  std::string text;
-  if (reply->type == REDIS_REPLY_INTEGER) {
-    text = std::to_string(reply->integer);
-  } else if (reply->type == REDIS_REPLY_NIL) {
-    text = "(nil)";
-  } else if (reply->type == REDIS_REPLY_ERROR) {
-    text = "(error) " + std::string(reply->str, reply->len);
-  } else if (reply->str != nullptr) {
-    text.assign(reply->str, reply->len);
-  }
+  std::string text = reply->type == REDIS_REPLY_INTEGER ? std::to_string(reply->integer)
+                     : reply->type == REDIS_REPLY_NIL   ? "(nil)"
+                     : reply->str == nullptr            ? ""
+                                                        : std::string(reply->str, reply->len);
+  if (reply->type == REDIS_REPLY_ERROR) text = "(error) " + text;
   freeReplyObject(reply);
   return text;
 }

@@ -1,7 +1,6 @@
 #include "foundation/privilege.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/recording_script.h"
 #include "harness/run_as.h"
 #include "harness/syslog_capture.h"
 
@@ -30,15 +28,9 @@ struct User {
   gid_t gid;
 };
 
-// A child can't hand a variable back to the test; the line of the statement it logs from goes
-// through a file instead.
-const char kLineFile[] = "/tmp/privilege-test-line";
-void RecordLine(int line) { qsvtest::WriteFile(kLineFile, std::to_string(line)); }
-std::string RecordedLine() { return qsvtest::ReadFile(kLineFile); }
-
 User PackageUser() { return {qsvtest::UidOf("Quillon-Server"), qsvtest::GidOf("Quillon-Server")}; }
 
-TEST(CriticalSectionTest, RootProcessIsLeftAloneAndErrnoCleared) {
+TEST(CriticalSectionTest, BracketsRaiseAndRestoreWhatEachLevelFoundAndClearErrno) {
   SyslogCapture log;
   errno = EBADF;
   int insideEuid = -1;
@@ -49,50 +41,58 @@ TEST(CriticalSectionTest, RootProcessIsLeftAloneAndErrnoCleared) {
   LEAVECriticalSection;
   EXPECT_EQ(errno, 0);
   EXPECT_EQ(insideEuid, 0);
-  EXPECT_EQ(geteuid(), 0u);
-  EXPECT_EQ(getegid(), 0u);
-  EXPECT_TRUE(log.Lines().empty());
-}
+  EXPECT_TRUE(geteuid() == 0 && getegid() == 0) << "a root process is left alone";
 
-TEST(CriticalSectionTest, LoweredProcessIsRaisedAndPutBack) {
   const User u = PackageUser();
+  const uid_t nobody = qsvtest::UidOf("nobody");
+  const gid_t nogroup = qsvtest::GidOf("nobody");
   const int rc = qsvtest::RunWithEffectiveIds(u.uid, u.gid, [&] {
     ENTERCriticalSection;
-    CHILD_CHECK(errno == 0, 1);
-    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 2);
+    CHILD_CHECK(errno == 0 && geteuid() == 0 && getegid() == 0, 1);
+    IF_RUN_AS(nobody, nogroup) {
+      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 2);
+      ENTERCriticalSection;
+      ENTERCriticalSection;
+      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 4);
+      LEAVECriticalSection;
+      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 5);
+      LEAVECriticalSection;
+      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 6);
+    }
+    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 7);
     LEAVECriticalSection;
-    CHILD_CHECK(errno == 0, 3);
-    CHILD_CHECK(geteuid() == u.uid && getegid() == u.gid, 4);
+    CHILD_CHECK(errno == 0 && geteuid() == u.uid && getegid() == u.gid, 8);
     return 0;
   });
   EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(log.Lines().empty());
 }
 
-TEST(CriticalSectionTest, FailedEntryLogsOnceAndTheStatementStillRuns) {
+// Each failed raise is logged once, with the line of the statement, and what it guards runs anyway.
+TEST(CriticalSectionTest, FailedRaisesAreLoggedAndTheStatementStillRuns) {
   SyslogCapture log;
   const std::string marker = "/tmp/critical-section-ran";
   unlink(marker.c_str());
+  const int enterLine = __LINE__ + 3, runAsLine = enterLine + 7;  // where the child's macros stand
   const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
     int fd = -1;
-    RecordLine(__LINE__ + 1);
     ENTERCriticalSection;
     CHILD_CHECK(errno == 1, 1);
     fd = open(marker.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644);
     LEAVECriticalSection;
-    CHILD_CHECK(errno == 0, 2);
-    CHILD_CHECK(fd >= 0, 3);
+    CHILD_CHECK(errno == 0 && fd >= 0, 2);
     close(fd);
-    return 0;
+    bool ran = false;
+    IF_RUN_AS(0, 0) { ran = true; }
+    return ran ? 0 : 3;
   });
   EXPECT_EQ(rc, 0);
-  struct stat st;
-  EXPECT_EQ(stat(marker.c_str(), &st), 0) << "the statement inside did not run";
-
+  EXPECT_EQ(access(marker.c_str(), F_OK), 0) << "the statement inside did not run";
   const auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].priority, kAuthErr);
-  EXPECT_EQ(lines[0].message,
-            "privilege_test.cc:" + RecordedLine() + " ERROR: ENTERCriticalSection");
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].message, "privilege_test.cc:" + std::to_string(enterLine) + " ERROR: ENTERCriticalSection");
+  EXPECT_EQ(lines[1].message, "privilege_test.cc:" + std::to_string(runAsLine) + " ERROR: IF_RUN_AS(0, 0)");
+  EXPECT_TRUE(lines[0].priority == kAuthErr && lines[1].priority == kAuthErr);
 }
 
 TEST(CriticalSectionTest, GroupIsRaisedBeforeUser) {
@@ -103,8 +103,7 @@ TEST(CriticalSectionTest, GroupIsRaisedBeforeUser) {
   const int rc = qsvtest::RunInChild([&] {
     CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(-1, u.uid, -1) == 0, 10);
     ENTERCriticalSection;
-    CHILD_CHECK(errno == 1, 1);
-    CHILD_CHECK(geteuid() == u.uid, 2);
+    CHILD_CHECK(errno == 1 && geteuid() == u.uid, 1);
     LEAVECriticalSection;
     return 0;
   });
@@ -129,33 +128,7 @@ TEST(CriticalSectionTest, LeaveThatCannotRestoreLogsAndSetsErrno) {
   EXPECT_EQ(lines[0].priority, kAuthErr);
 }
 
-TEST(CriticalSectionTest, NestedBracketsRestoreWhatEachLevelFound) {
-  const User u = PackageUser();
-  const uid_t nobody = qsvtest::UidOf("nobody");
-  const gid_t nogroup = qsvtest::GidOf("nobody");
-  const int rc = qsvtest::RunWithEffectiveIds(u.uid, u.gid, [&] {
-    ENTERCriticalSection;
-    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 1);
-    IF_RUN_AS(nobody, nogroup) {
-      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 2);
-      ENTERCriticalSection;
-      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 3);
-      ENTERCriticalSection;
-      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 4);
-      LEAVECriticalSection;
-      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 5);
-      LEAVECriticalSection;
-      CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 6);
-    }
-    CHILD_CHECK(geteuid() == 0 && getegid() == 0, 7);
-    LEAVECriticalSection;
-    CHILD_CHECK(geteuid() == u.uid && getegid() == u.gid, 8);
-    return 0;
-  });
-  EXPECT_EQ(rc, 0);
-}
-
-TEST(RunAsScopeTest, RunsTheBlockAsTheTargetAndComesBack) {
+TEST(RunAsScopeTest, RunsTheBlockAsTheTargetAndComesBackARestoreThatFailsIsCritical) {
   SyslogCapture log;
   const User u = PackageUser();
   const int rc = qsvtest::RunInChild([&] {
@@ -165,41 +138,15 @@ TEST(RunAsScopeTest, RunsTheBlockAsTheTargetAndComesBack) {
       CHILD_CHECK(getuid() == 0, 2);
     }
     CHILD_CHECK(geteuid() == 0 && getegid() == 0, 3);
-    IF_RUN_AS(0, 0) { CHILD_CHECK(geteuid() == 0, 4); }
-    return 0;
-  });
-  EXPECT_EQ(rc, 0);
-  EXPECT_TRUE(log.Lines().empty());
-}
-
-TEST(RunAsScopeTest, FailuresAreLoggedAndTheBlockRunsAnyway) {
-  SyslogCapture log;
-  const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
-    bool ran = false;
-    RecordLine(__LINE__ + 1);
-    IF_RUN_AS(0, 0) { ran = true; }
-    return ran ? 0 : 1;
-  });
-  EXPECT_EQ(rc, 0);
-  const auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].priority, kAuthErr);
-  EXPECT_EQ(lines[0].message,
-            "privilege_test.cc:" + RecordedLine() + " ERROR: IF_RUN_AS(0, 0)");
-}
-
-TEST(RunAsScopeTest, ARestoreThatFailsIsCritical) {
-  SyslogCapture log;
-  const User u = PackageUser();
-  const int rc = qsvtest::RunInChild([&] {
     IF_RUN_AS(0, 0) {
-      CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(u.uid, u.uid, u.uid) == 0, 1);
+      CHILD_CHECK(setresgid(u.gid, u.gid, u.gid) == 0 && setresuid(u.uid, u.uid, u.uid) == 0, 4);
     }
     return 0;
   });
   EXPECT_EQ(rc, 0);
-  const auto lines = log.Matching("ERROR: ~IF_RUN_AS(0, 0)");
-  ASSERT_EQ(lines.size(), 1u);
+  const auto lines = log.Lines();
+  ASSERT_EQ(lines.size(), 1u) << "only the failed restore is logged";
+  EXPECT_NE(lines[0].message.find("ERROR: ~IF_RUN_AS(0, 0)"), std::string::npos);
   EXPECT_EQ(lines[0].priority, kAuthCrit);
 }
 
@@ -217,7 +164,7 @@ TEST(UserRegionTest, ARootProcessDoesTheUsersWorkAsRoot) {
   });
   EXPECT_EQ(rc, 0);
   const auto lines = log.Lines();
-  ASSERT_EQ(lines.size(), 3u);
+  ASSERT_EQ(lines.size(), 3u) << "a root process says what it did instead";
   EXPECT_NE(lines[0].message.find(" InUserRegion gid"), std::string::npos);
   EXPECT_NE(lines[1].message.find(" InUserRegion uid"), std::string::npos);
   EXPECT_NE(lines[2].message.find(" OutUserRegion"), std::string::npos);
@@ -228,34 +175,25 @@ TEST(UserRegionTest, WithoutRootTheUsersIdsAreTriedAndAFailureSaysWhy) {
   SyslogCapture log;
   const User self = PackageUser();
   const User other = {qsvtest::UidOf("nobody"), qsvtest::GidOf("nobody")};
+  const int line = __LINE__ + 5;
   const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
     InUserRegion(self);  // the user's own ids: allowed
     CHILD_CHECK(geteuid() == self.uid, 1);
     OutUserRegion;
-    RecordLine(__LINE__ + 1);
     InUserRegion(other);
     OutUserRegion;
     return 0;
   });
   EXPECT_EQ(rc, 0);
   const std::string ids = "uid:" + std::to_string(self.uid) + " gid:" + std::to_string(self.gid) +
-                          " euid:" + std::to_string(self.uid) +
-                          " egid:" + std::to_string(self.gid);
-  const auto lines = log.Lines();
-  std::vector<qsvtest::SyslogLine> gidErrors, uidErrors;
-  for (const auto &l : lines) {
-    if (l.message.find(" input gid:") != std::string::npos) gidErrors.push_back(l);
-    if (l.message.find(" UID ERROR: InUserRegion") != std::string::npos) uidErrors.push_back(l);
-  }
+                          " euid:" + std::to_string(self.uid) + " egid:" + std::to_string(self.gid);
+  const auto gidErrors = log.Matching(" input gid:"), uidErrors = log.Matching(" UID ERROR: InUserRegion");
   ASSERT_EQ(gidErrors.size(), 1u);
-  EXPECT_EQ(gidErrors[0].message, "privilege_test.cc:" + RecordedLine() +
-                                      " ERROR: InUserRegion " + ids +
-                                      " input gid:" + std::to_string(other.gid) +
-                                      " [Operation not permitted]");
+  EXPECT_EQ(gidErrors[0].message, "privilege_test.cc:" + std::to_string(line) + " ERROR: InUserRegion " + ids +
+                                      " input gid:" + std::to_string(other.gid) + " [Operation not permitted]");
   EXPECT_EQ(gidErrors[0].priority & 7, 3);
   ASSERT_EQ(uidErrors.size(), 1u);
-  EXPECT_NE(uidErrors[0].message.find(" input uid: " + std::to_string(other.uid) +
-                                      " [Operation not permitted]"),
+  EXPECT_NE(uidErrors[0].message.find(" input uid: " + std::to_string(other.uid) + " [Operation not permitted]"),
             std::string::npos);
 }
 
