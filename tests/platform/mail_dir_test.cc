@@ -60,7 +60,7 @@ TEST_F(MailDirTest, ALocalServerKeepsMailUnderLocalByUserNumber) {
   EXPECT_EQ(uidGetPath("", 7, path), -1);
 }
 
-TEST_F(MailDirTest, ADirectoryServerUsesItsAccountDomainAndNeverLeavesTheSpool) {
+TEST_F(MailDirTest, ADirectoryServerUsesItsAccountDomainAnyOtherSettingFails) {
   Set("account_type", "ldap");
   Set("acc_domain_name", "example.com");
   EXPECT_EQ(DirOf(1026), "/var/spool/mail/example.com/1026");
@@ -73,6 +73,13 @@ TEST_F(MailDirTest, ADirectoryServerUsesItsAccountDomainAndNeverLeavesTheSpool) 
     Set("acc_domain_name", bad);
     EXPECT_EQ(DirOf(1026), "failed, <unchanged>") << bad;
   }
+  // An unknown account type or a damaged setting fails too.
+  Set("account_type", "nis");
+  EXPECT_EQ(DirOf(1), "failed, <unchanged>");
+  WriteFile(FileOf("account_type"), "{\"mailserver/conf/account_type\":");
+  domain = "<unchanged>";
+  EXPECT_EQ(smtpAccountDomainGet(domain), -1);
+  EXPECT_EQ(domain, "<unchanged>");
 }
 
 TEST_F(MailDirTest, AWindowsMemberUsesItsShortNameOrTheWorkgroup) {
@@ -84,15 +91,6 @@ TEST_F(MailDirTest, AWindowsMemberUsesItsShortNameOrTheWorkgroup) {
   WriteFile(kSmbConf, "[global]\n\tworkgroup = OFFICE\n");
   EXPECT_EQ(DirOf(1500), "/var/spool/mail/OFFICE/1500");
   unlink(kSmbConf);
-}
-
-TEST_F(MailDirTest, AnUnknownTypeOrADamagedSettingFails) {
-  Set("account_type", "nis");
-  EXPECT_EQ(DirOf(1), "failed, <unchanged>");
-  WriteFile(FileOf("account_type"), "{\"mailserver/conf/account_type\":");
-  std::string domain = "<unchanged>";
-  EXPECT_EQ(smtpAccountDomainGet(domain), -1);
-  EXPECT_EQ(domain, "<unchanged>");
 }
 
 }  // namespace

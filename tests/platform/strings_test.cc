@@ -14,7 +14,7 @@
 
 namespace {
 
-TEST(SzListTest, GrowsPastItsInitialSizeAndOwnsCopies) {
+TEST(SzListTest, ListAndHashGrowPastTheirInitialSizeAndOwnCopies) {
   KLIBSZLIST *list = KLIBCSzListAlloc(2);
   ASSERT_NE(nullptr, list);
   char buf[16];
@@ -32,9 +32,8 @@ TEST(SzListTest, GrowsPastItsInitialSizeAndOwnsCopies) {
   KLIBCSzListRemoveAll(list);
   EXPECT_EQ(0, KLIBCSzListPush(&list, "again"));
   KLIBCSzListFree(list);
-}
 
-TEST(SzHashTest, ReplacesValuesAndKeepsArrivalOrder) {
+  // The hash replaces values and lists its keys in the order they arrived.
   KLIBSZHASH *hash = KLIBCSzHashAlloc(4);
   ASSERT_EQ(0, KLIBCSzHashSetValue(&hash, "smtp_port", "25"));
   ASSERT_EQ(0, KLIBCSzHashSetValue(&hash, "imap_port", "143"));
