@@ -27,15 +27,7 @@ const char kMap[] = "/var/packages/Quillon-Server/target/etc/aliases_test";
 const char kPostalias[] = "/var/packages/Quillon-Server/target/sbin/postalias";
 
 std::string Postalias(const std::string &key, const std::string &map) {
-  FILE *out = KLIBCPopen(kPostalias, "r", "-q", key.c_str(), ("hash:" + map).c_str(), nullptr);
-  if (out == nullptr) return "(postalias did not start)";
-  std::string text;
-  char buffer[512];
-  size_t got;
-  while ((got = fread(buffer, 1, sizeof(buffer), out)) > 0) text.append(buffer, got);
-  KLIBCPclose(out);
-  if (!text.empty() && text.back() == '\n') text.pop_back();
-  return text;
+  return qsvtest::PostmapQuery(key, "hash:" + map, kPostalias);
 }
 
 // "alias:member:type" of every row of the domain, sorted.
