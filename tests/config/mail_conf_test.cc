@@ -109,6 +109,8 @@ TEST_F(MailConfTest, TheMasterBalancerKeyIsAlwaysWrittenAndAnnounced) {
   // The file already names this node: the store is written and the file rewritten all the same.
   ASSERT_EQ(Mirror(key), self());
   Redis("SET %s %s", full, "stale");
+  // Let the key watcher mirror that first, so that it doesn't do so in the middle of what follows.
+  for (int i = 0; i < 200 && Mirror(key) != "stale"; ++i) usleep(10 * 1000);
   const ino_t before = Stat(FileOf(key)).st_ino;
   EXPECT_EQ(mailConfSet(key, self(), true, 0), 0);
   EXPECT_EQ(Redis("GET %s", full), self());
@@ -156,7 +158,12 @@ TEST_F(MailConfTest, ADamagedKeyFileBlocksWritesToThatKeyOnly) {
   Redis("SET %s %s", "mailserver/conf/smtp_main_domain", "before");
   qsvtest::SyslogCapture log;
   EXPECT_EQ(mailConfSet("smtp_main_domain", "example.org", true, 0), -1);
-  EXPECT_EQ(log.Matching("Failed to parse Json value of").size(), 1u);
+  // The key watcher, seeing the store's value, finds the same damage; only our own line counts.
+  size_t ours = 0;
+  for (const auto &line : log.Matching("Failed to parse Json value of")) {
+    ours += line.tag.find("key-watcher") == std::string::npos ? 1 : 0;
+  }
+  EXPECT_EQ(ours, 1u);
   EXPECT_EQ(ReadFile(FileOf("smtp_main_domain")), damaged);
   EXPECT_EQ(InStore("smtp_main_domain"), "before");
   EXPECT_EQ(mailConfSet("smtp_tls_port", "465", true, 0), 0);
