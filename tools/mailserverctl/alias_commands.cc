@@ -12,16 +12,12 @@
 #include "foundation/utf8.h"
 #include "kolt/user.h"
 #include "tables/alias.h"
+#include "mailserverctl/error.h"
 
 namespace mailserverctl {
 namespace {
 
 const char kAliasDB[] = "/var/packages/Quillon-Server/etc/alias.db";
-
-int Error(const std::string &message) {
-  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
-  return 1;
-}
 
 // The number of a served domain: from the map of numbered domains, or 1 for the server's first
 // domain when it keeps no such map.

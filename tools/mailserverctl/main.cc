@@ -42,9 +42,12 @@
 #include "mailserverctl/relay_commands.h"
 #include "mailserverctl/settings_commands.h"
 #include "mailserverctl/table_commands.h"
+#include "mailserverctl/error.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::Role;
+
+using mailserverctl::Error;
 
 namespace {
 
@@ -86,11 +89,6 @@ int Usage() {
           "       mailserverctl relay client list\n"
           "       mailserverctl relay export\n");
   return 2;
-}
-
-int Error(const std::string &message) {
-  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
-  return 1;
 }
 
 int ConfGet(const std::string &key) {

@@ -10,6 +10,7 @@
 #include "foundation/cidr.h"
 #include "tables/relay_client.h"
 #include "tables/relay_host.h"
+#include "mailserverctl/error.h"
 
 namespace mailserverctl {
 namespace {
@@ -29,11 +30,6 @@ int Usage() {
           "       mailserverctl relay export\n"
           "options: --tls --auth NAME PASSWORD|- --description TEXT --disabled\n");
   return 2;
-}
-
-int Error(const std::string &message) {
-  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
-  return 1;
 }
 
 int Unchanged(const std::string &what, const std::string &why) {

@@ -9,17 +9,13 @@
 #include "cluster/mailserver_cluster.h"
 #include "config/postfix.h"
 #include "foundation/service_alive.h"
+#include "mailserverctl/error.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::ServStatus;
 
 namespace mailserverctl {
 namespace {
-
-int Error(const std::string &message) {
-  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
-  return 1;
-}
 
 bool Load(Postfix &postfix) {
   if (postfix.LoadSettings() == 0) return true;

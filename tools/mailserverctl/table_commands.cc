@@ -9,16 +9,12 @@
 
 #include "tables/attachment_filter.h"
 #include "tables/sender_quota.h"
+#include "mailserverctl/error.h"
 
 namespace mailserverctl {
 namespace {
 
 constexpr unsigned long kMaxQuota = 99999;
-
-int Error(const std::string &message) {
-  fprintf(stderr, "mailserverctl: %s\n", message.c_str());
-  return 1;
-}
 
 // The library reports a change that stayed on this node like any other failure.
 int ChangeFailed(const std::string &what) {
