@@ -86,11 +86,13 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
   }
   if (!IsMirrored(key)) return;
   // A caller may name a file by any key; its value, the cycle's record, is no setting to mirror.
-  if (written && reader_->Get(key, &value) && IsFileRecord(value)) {
+  // The value read here is the newest, whatever the event said: a key gone meanwhile is removed.
+  const bool present = written && reader_->Get(key, &value);
+  if (present && IsFileRecord(value)) {
     Arrived(key, value);
     return;
   }
-  Mirror(key, removed);
+  Mirror(key, value, !present);
   if (written && key == kHealthTrigger) {
     const std::string id = HostId();
     if (!id.empty()) {
@@ -152,10 +154,7 @@ void Watcher::WaitForUnlocked(const std::string &uploadKey) {
   for (int i = 0; i < 2500 && reader_->Get(lock, &holder); ++i) usleep(2000);
 }
 
-void Watcher::Mirror(const std::string &key, bool removed) {
-  std::string value;
-  // A value read back may already be newer than the event: the mirror takes the newest.
-  if (!removed && !reader_->Get(key, &value)) removed = true;
+void Watcher::Mirror(const std::string &key, const std::string &value, bool removed) {
   if (mailConfMirror(key, value, removed) < 0) {
     syslog(LOG_ERR, "failed to update the mirror of %s", key.c_str());
   }
@@ -167,7 +166,7 @@ void Watcher::CatchUpMirrors() {
     if (!reader_->Keys(std::string(prefix) + "*", &keys)) return;
     for (const std::string &key : keys) {
       std::string value;
-      if (reader_->Get(key, &value) && !IsFileRecord(value)) Mirror(key, false);
+      if (reader_->Get(key, &value) && !IsFileRecord(value)) Mirror(key, value, false);
     }
   }
 }

@@ -42,7 +42,8 @@ class Watcher {
                                const std::string &id);
   // Returns once nobody holds the upload lock of `uploadKey`, or after a few seconds.
   void WaitForUnlocked(const std::string &uploadKey);
-  void Mirror(const std::string &key, bool removed);
+  // Brings this node's mirror of `key` to `value`, or drops it.
+  void Mirror(const std::string &key, const std::string &value, bool removed);
   // The file cycle of the task `taskKey` of this node's queue, if it is one.
   void WorkOffTask(const std::string &taskKey);
 
