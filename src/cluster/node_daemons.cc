@@ -82,9 +82,11 @@ bool KOLTMailNodeCluster::refreshFirewall(const std::vector<std::string> &ips) {
   if (rc == 0) return true;
   maillog(3, "%s:%d Failed to %s start [%s]", QSV_FILE, __LINE__, kFirewall, list.c_str());
   // A half-applied rule set is worse than none.
-  ENTERCriticalSection;
-  KLIBCExecl(kFirewall, kQuietWait, "stop", static_cast<char *>(nullptr));
-  LEAVECriticalSection;
+  {
+    ENTERCriticalSection;
+    KLIBCExecl(kFirewall, kQuietWait, "stop", static_cast<char *>(nullptr));
+    LEAVECriticalSection;
+  }
   return false;
 }
 

@@ -36,10 +36,12 @@ int mailDirPathCreate(unsigned int uid, unsigned int gid) {
             strerror(error));
     return -1;
   }
-  ENTERCriticalSection;
-  rc = chown(path.c_str(), uid, gid);
-  error = errno;
-  LEAVECriticalSection;
+  {
+    ENTERCriticalSection;
+    rc = chown(path.c_str(), uid, gid);
+    error = errno;
+    LEAVECriticalSection;
+  }
   if (rc != 0) {
     maillog(3, "%s:%d Failed to chown [%s] error [%s]", QSV_FILE, __LINE__, path.c_str(),
             strerror(error));

@@ -12,10 +12,12 @@
 //   LEAVECriticalSection;
 //   if (rc != 0) ...
 //
-// ENTERCriticalSection opens a block that LEAVECriticalSection closes, so a function may hold several
-// sections one after the other, and a missing LEAVE does not compile. A failed raise is logged at
-// priority LOG_AUTH|LOG_ERR and the statements inside still run: they fail by themselves if they
-// really needed root.
+// The two are plain statements: ENTERCriticalSection declares the saved ids as two locals of the
+// enclosing block, and every LEAVECriticalSection in that block (one per way out, early returns
+// included) puts them back. So the section's result may be declared inside it and used after, and
+// a second section in the same block needs a block of its own. A failed raise is logged at priority
+// LOG_AUTH|LOG_ERR and the statements inside still run: they fail by themselves if they really
+// needed root.
 //
 // IF_RUN_AS(uid, gid) { ... } runs its block with the given effective ids and puts the old ones back
 // when the block ends, however it ends.
@@ -38,15 +40,13 @@ QSV_EXPORT void qsvEnterCriticalSection(uid_t savedEuid, gid_t savedEgid, const 
 QSV_EXPORT void qsvLeaveCriticalSection(uid_t savedEuid, gid_t savedEgid, const char *file,
                                         int line);
 
-#define ENTERCriticalSection                        \
-  {                                                 \
-    const uid_t qsvCriticalSavedEuid_ = geteuid();  \
-    const gid_t qsvCriticalSavedEgid_ = getegid();  \
-    qsvEnterCriticalSection(qsvCriticalSavedEuid_, qsvCriticalSavedEgid_, QSV_FILE, __LINE__)
+#define ENTERCriticalSection                     \
+  const uid_t qsvCriticalSavedEuid_ = geteuid(); \
+  const gid_t qsvCriticalSavedEgid_ = getegid(); \
+  qsvEnterCriticalSection(qsvCriticalSavedEuid_, qsvCriticalSavedEgid_, QSV_FILE, __LINE__)
 
-#define LEAVECriticalSection                                                                    \
-  qsvLeaveCriticalSection(qsvCriticalSavedEuid_, qsvCriticalSavedEgid_, QSV_FILE, __LINE__); \
-  }
+#define LEAVECriticalSection \
+  qsvLeaveCriticalSection(qsvCriticalSavedEuid_, qsvCriticalSavedEgid_, QSV_FILE, __LINE__)
 
 class QSV_EXPORT RunAsScope {
  public:
@@ -69,14 +69,13 @@ class QSV_EXPORT RunAsScope {
 QSV_EXPORT void qsvInUserRegion(uid_t uid, gid_t gid, const char *file, int line);
 QSV_EXPORT void qsvOutUserRegion(uid_t savedEuid, gid_t savedEgid, const char *file, int line);
 
-#define InUserRegion(user)                                  \
-  {                                                         \
-    const uid_t qsvUserRegionSavedEuid_ = geteuid();        \
-    const gid_t qsvUserRegionSavedEgid_ = getegid();        \
-    qsvInUserRegion((user).uid, (user).gid, QSV_FILE, __LINE__)
+// Statements like the critical section's.
+#define InUserRegion(user)                            \
+  const uid_t qsvUserRegionSavedEuid_ = geteuid();  \
+  const gid_t qsvUserRegionSavedEgid_ = getegid();  \
+  qsvInUserRegion((user).uid, (user).gid, QSV_FILE, __LINE__)
 
-#define OutUserRegion                                                                            \
-  qsvOutUserRegion(qsvUserRegionSavedEuid_, qsvUserRegionSavedEgid_, QSV_FILE, __LINE__); \
-  }
+#define OutUserRegion \
+  qsvOutUserRegion(qsvUserRegionSavedEuid_, qsvUserRegionSavedEgid_, QSV_FILE, __LINE__)
 
 #endif  // MAILSERVER_FOUNDATION_PRIVILEGE_H_

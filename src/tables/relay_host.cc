@@ -487,10 +487,12 @@ int RelayHost::exportRelayMap() {
             strerror(error));
     return -1;
   }
-  ENTERCriticalSection;
-  rc = chmod(dir.c_str(), 0755);
-  error = errno;
-  LEAVECriticalSection;
+  {
+    ENTERCriticalSection;
+    rc = chmod(dir.c_str(), 0755);
+    error = errno;
+    LEAVECriticalSection;
+  }
   if (rc != 0) {
     maillog(3, "%s:%d [Relay Client] Fail to chmod: %s", QSV_FILE, __LINE__, strerror(error));
     return -1;

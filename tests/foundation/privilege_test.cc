@@ -30,6 +30,24 @@ struct User {
 
 User PackageUser() { return {qsvtest::UidOf("Quillon-Server"), qsvtest::GidOf("Quillon-Server")}; }
 
+int RenameRaised(const char *from, const char *to) {
+  ENTERCriticalSection;
+  int rc = rename(from, to);
+  LEAVECriticalSection;
+  return rc;
+}
+
+int LeaveEarly(bool early) {
+  ENTERCriticalSection;
+  if (early) {
+    LEAVECriticalSection;
+    return geteuid() == 0 ? -1 : 1;
+  }
+  const bool raised = geteuid() == 0;
+  LEAVECriticalSection;
+  return raised ? 2 : -2;
+}
+
 TEST(CriticalSectionTest, BracketsRaiseAndRestoreWhatEachLevelFoundAndClearErrno) {
   SyslogCapture log;
   errno = EBADF;
@@ -52,12 +70,18 @@ TEST(CriticalSectionTest, BracketsRaiseAndRestoreWhatEachLevelFoundAndClearErrno
     IF_RUN_AS(nobody, nogroup) {
       CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 2);
       ENTERCriticalSection;
-      ENTERCriticalSection;
-      CHILD_CHECK(geteuid() == 0 && getegid() == 0, 4);
-      LEAVECriticalSection;
+      {
+        ENTERCriticalSection;
+        CHILD_CHECK(geteuid() == 0 && getegid() == 0, 4);
+        LEAVECriticalSection;
+      }
       CHILD_CHECK(geteuid() == 0 && getegid() == 0, 5);
       LEAVECriticalSection;
       CHILD_CHECK(geteuid() == nobody && getegid() == nogroup, 6);
+      // The forms callers write: a result declared inside and used after, a leave per way out.
+      CHILD_CHECK(RenameRaised("/nonexistent/a", "/nonexistent/b") == -1, 9);
+      CHILD_CHECK(geteuid() == nobody && LeaveEarly(true) == 1 && geteuid() == nobody, 10);
+      CHILD_CHECK(LeaveEarly(false) == 2 && geteuid() == nobody, 11);
     }
     CHILD_CHECK(geteuid() == 0 && getegid() == 0, 7);
     LEAVECriticalSection;
@@ -175,11 +199,13 @@ TEST(UserRegionTest, WithoutRootTheUsersIdsAreTriedAndAFailureSaysWhy) {
   SyslogCapture log;
   const User self = PackageUser();
   const User other = {qsvtest::UidOf("nobody"), qsvtest::GidOf("nobody")};
-  const int line = __LINE__ + 5;
+  const int line = __LINE__ + 7;
   const int rc = qsvtest::RunAsUnprivileged("Quillon-Server", [&] {
-    InUserRegion(self);  // the user's own ids: allowed
-    CHILD_CHECK(geteuid() == self.uid, 1);
-    OutUserRegion;
+    {
+      InUserRegion(self);  // the user's own ids: allowed
+      CHILD_CHECK(geteuid() == self.uid, 1);
+      OutUserRegion;
+    }
     InUserRegion(other);
     OutUserRegion;
     return 0;
