@@ -1,6 +1,8 @@
 #include "config/mail_conf.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <limits.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,6 +25,7 @@
 #include "foundation/log.h"
 #include "foundation/privilege.h"
 #include "foundation/strings.h"
+#include "foundation/utf8.h"
 #include "kolt/exec.h"
 #include "kolt/user.h"
 
@@ -114,12 +117,20 @@ int UpdateCheck(const std::string &key, const std::string &oldValue, const std::
 
 namespace {
 
-// dumpMailConfToFile up to the rename: the file alone, no flags.
+// So that a crash after the rename never leaves other daemons an empty or partial key file.
+bool SyncToDisk(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = fsync(fd) == 0;
+  close(fd);
+  return synced;
+}
+
+// dumpMailConfToFile up to the rename: the file alone, no flags. REQUIRES: the file's lock held.
 int WriteConfFile(const std::string &fileName, const std::string &key, const std::string &value,
                   bool remove, bool completeKey, const std::string &dir, int ttl, bool sync,
                   const MailConfUpdateCheck &check) {
   const std::string path = dir + fileName;
-  ConfigFileLock lock(fileName);
   const std::string member = completeKey ? KeyTreeStore::instance()->keyComplete(key) : key;
 
   Json::Value json(Json::objectValue);
@@ -167,7 +178,7 @@ int WriteConfFile(const std::string &fileName, const std::string &key, const std
     out.write(text.data(), static_cast<std::streamsize>(text.size()));
     out.flush();
     out.close();
-    if (!out) {
+    if (!out || !SyncToDisk(tmp)) {
       maillog(3, "%s:%d Failed to write to file %s", QSV_FILE, __LINE__, tmp.c_str());
       unlink(tmp.c_str());
       return -1;
@@ -202,6 +213,8 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
                        const std::string &value, bool remove, bool completeKey,
                        const std::string &dir, int ttl, bool sync,
                        const MailConfUpdateCheck &check) {
+  // Held to the end, flags included: a writer that comes after sees them raised.
+  ConfigFileLock lock(fileName);
   const int written =
       WriteConfFile(fileName, key, value, remove, completeKey, dir, ttl, sync, check);
   if (written <= 0) return written;
@@ -219,7 +232,25 @@ int dumpMailConfToFile(const std::string &fileName, const std::string &key,
   return 1;
 }
 
+std::string mailConfRefusal(const std::string &key, const std::string &value) {
+  if (key.empty()) return "the key is empty";
+  // The mirror file is written as NAME.tmp and locked through NAME.lock.
+  constexpr size_t kLongestName = NAME_MAX - sizeof(".lock") + 1;
+  if (toLeagalFileName(key).size() > kLongestName) {
+    return "the key is too long: its file name on this node would exceed " +
+           std::to_string(kLongestName) + " bytes";
+  }
+  if (!checkValidUtf8(value)) return "the value is not valid UTF-8";
+  return "";
+}
+
 int mailConfSet(const std::string &key, const std::string &value, bool sync, int ttl) {
+  const std::string refusal = mailConfRefusal(key, value);
+  if (!refusal.empty()) {
+    maillog(3, "%s:%d Refused to set key [%s]: %s", QSV_FILE, __LINE__, key.c_str(),
+            refusal.c_str());
+    return -1;
+  }
   const std::string fileName = toLeagalFileName(key);
   if (!MayFailKey(key) && sync) {
     KOLTMailNodeCluster cluster;
@@ -430,11 +461,29 @@ int ftsRuleMapGet(FTS_RULE_TYPE type, std::map<std::string, bool> &rules, bool r
   return 0;
 }
 
-int mailConfMirror(const std::string &key, const std::string &value, bool remove) {
+int mailConfMirror(const std::string &key, const MailConfCurrentValue &current) {
+  const std::string fileName = toLeagalFileName(key);
+  ConfigFileLock lock(fileName);
+  // Read under the lock that local writers hold from their publication to their rename: what
+  // comes back is never older than a write that has finished here.
+  std::string value;
+  const bool present = current(value);
+  if (present && !mailConfRefusal(key, value).empty()) {
+    maillog(3, "%s:%d Refused to mirror key [%s]: %s", QSV_FILE, __LINE__, key.c_str(),
+            mailConfRefusal(key, value).c_str());
+    return -1;
+  }
   const MailConfUpdateCheck changedOnly = [](const std::string &, const std::string &oldValue,
                                              const std::string &newValue, bool,
                                              int, bool) { return oldValue == newValue ? 0 : 1; };
   // A removal always goes through: "" reads the same as a missing member.
-  return WriteConfFile(toLeagalFileName(key), key, value, remove, true, kMailConfDir, 0, false,
-                       remove ? MailConfUpdateCheck() : changedOnly);
+  return WriteConfFile(fileName, key, value, !present, true, kMailConfDir, 0, false,
+                       present ? changedOnly : MailConfUpdateCheck());
+}
+
+int mailConfMirror(const std::string &key, const std::string &value, bool remove) {
+  return mailConfMirror(key, [&](std::string &current) {
+    current = value;
+    return !remove;
+  });
 }

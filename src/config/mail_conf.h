@@ -31,6 +31,12 @@ using MailConfUpdateCheck = std::function<int(const std::string &key, const std:
 // written. 0, or -1.
 QSV_EXPORT int mailConfSet(const std::string &key, const std::string &value, bool sync, int ttl);
 
+// Why mailConfSet refuses `key` = `value` before anything is published or written, or "" when it
+// doesn't: an empty key, a key whose mirror file name is longer than a file name may be, a value
+// that is not valid UTF-8 (the mirror file would hold other bytes than the store). Front ends ask
+// this first to say what is wrong.
+QSV_EXPORT std::string mailConfRefusal(const std::string &key, const std::string &value);
+
 // Writes many keys at once, one thread per key, each as mailConfSet(key, value, true, 0). Not
 // atomic: the keys that were written stay written. 0 when all were written, else -1.
 QSV_EXPORT int mailConfSet(const std::map<std::string, std::string> &pairs);
@@ -51,6 +57,12 @@ QSV_EXPORT int dumpMailConfToFile(const std::string &fileName, const std::string
 // published or flagged, since the node that wrote the backend did that. For the key watcher.
 // -1 failure, 0 already current, 1 rewritten.
 QSV_EXPORT int mailConfMirror(const std::string &key, const std::string &value, bool remove);
+
+// The same, with the backend's value read by `current` while the key file's lock is held (true and
+// the value, or false when the key is gone), so that a value read before a local write finished can
+// never be written over it. This is the form for a watcher.
+using MailConfCurrentValue = std::function<bool(std::string &value)>;
+QSV_EXPORT int mailConfMirror(const std::string &key, const MailConfCurrentValue &current);
 
 // Whether `key` currently reads as `value`.
 QSV_EXPORT bool mailConfCheckKeyValue(const char *key, const char *value);
