@@ -44,6 +44,8 @@ bool IsFileRecord(const std::string &value) {
 
 std::string HostId() { return KOLTMailNodeCluster().getHostID(); }
 
+const char kHolderPrefix[] = "quillon_server_lock_holder/";
+
 bool ParseRecord(const std::string &value, FileKeyVal &record) {
   Json::Value json;
   Json::CharReaderBuilder builder;
@@ -92,7 +94,7 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
     Arrived(key, value);
     return;
   }
-  Mirror(key, value, !present);
+  Mirror(key);
   if (written && key == kHealthTrigger) {
     const std::string id = HostId();
     if (!id.empty()) {
@@ -112,7 +114,7 @@ void Watcher::Offered(const std::string &uploadKey, const std::string &value) {
   const std::string id = HostId();
   if (parsed && !record.isDelete && record.senderID != id) return;
   if (parsed && record.isDelete) WaitForEarlierReceivers(record, id);
-  WaitForUnlocked(uploadKey);
+  if (!WaitForUnlocked(uploadKey)) return;
   QuillonServerBACKENDWrap().setFileSender(uploadKey);
 }
 
@@ -124,8 +126,9 @@ void Watcher::Arrived(const std::string &namedKey, const std::string &value) {
   const bool parsed = ParseRecord(value, record);
   if (parsed && record.senderID == id && HasPeers(id)) return;
   if (parsed) WaitForEarlierReceivers(record, id);
-  WaitForUnlocked(FileUploadKey(KeyTreeStore::instance()->keyShort(namedKey)));
-  QuillonServerBACKENDWrap().setFileReceiver(KeyTreeStore::instance()->keyShort(namedKey));
+  const std::string key = KeyTreeStore::instance()->keyShort(namedKey);
+  if (!WaitForUnlocked(FileUploadKey(key))) return;
+  QuillonServerBACKENDWrap().setFileReceiver(key);
 }
 
 // Receivers that woke together would meet at the lock, and all but one would lose a second.
@@ -148,16 +151,45 @@ void Watcher::WaitForEarlierReceivers(const FileKeyVal &record, const std::strin
   }
 }
 
-void Watcher::WaitForUnlocked(const std::string &uploadKey) {
+// The library waits up to two minutes for a lock; the watcher must not, or one stuck key would
+// hold up every setting and file behind it. A lock still held after a short wait is broken when
+// its holder is provably gone (this watcher itself counts as gone: between events it holds
+// nothing), else the key is left to the periodic catch-up.
+bool Watcher::WaitForUnlocked(const std::string &uploadKey) {
   const std::string lock = "quillon_server_lock/" + uploadKey;
   std::string holder;
-  for (int i = 0; i < 2500 && reader_->Get(lock, &holder); ++i) usleep(2000);
+  for (int i = 0; i < 2500; ++i) {
+    if (!reader_->Get(lock, &holder)) return true;
+    if (i == 0 && QuillonServerBACKENDWrap().breakLockOfGoneHolder(uploadKey, getpid())) {
+      return true;
+    }
+    usleep(2000);
+  }
+  syslog(LOG_INFO, "%s is locked by a live holder; left to the next catch-up", uploadKey.c_str());
+  return false;
 }
 
-void Watcher::Mirror(const std::string &key, const std::string &value, bool removed) {
-  if (mailConfMirror(key, value, removed) < 0) {
-    syslog(LOG_ERR, "failed to update the mirror of %s", key.c_str());
+void Watcher::Mirror(const std::string &key) {
+  // The value is read under the key file's lock, from the replication master: a local write that
+  // finished before can't be overwritten by what the store held before it.
+  const int rc = mailConfMirror(key, [&](std::string &value) {
+    return QuillonServerBACKENDWrap().getKey(key, value, true) && !IsFileRecord(value);
+  });
+  if (rc < 0) syslog(LOG_ERR, "failed to update the mirror of %s", key.c_str());
+}
+
+void Watcher::BreakLocksOfGoneHolders() {
+  std::vector<std::string> holders;
+  if (!reader_->Keys(std::string(kHolderPrefix) + "*", &holders)) return;
+  for (const std::string &holder : holders) {
+    QuillonServerBACKENDWrap().breakLockOfGoneHolder(holder.substr(sizeof(kHolderPrefix) - 1),
+                                                     getpid());
   }
+}
+
+bool Watcher::Locked(const std::string &uploadKey) {
+  std::string holder;
+  return reader_->Get("quillon_server_lock/" + uploadKey, &holder);
 }
 
 void Watcher::CatchUpMirrors() {
@@ -166,7 +198,7 @@ void Watcher::CatchUpMirrors() {
     if (!reader_->Keys(std::string(prefix) + "*", &keys)) return;
     for (const std::string &key : keys) {
       std::string value;
-      if (reader_->Get(key, &value) && !IsFileRecord(value)) Mirror(key, value, false);
+      if (reader_->Get(key, &value) && !IsFileRecord(value)) Mirror(key);
     }
   }
 }
@@ -174,11 +206,14 @@ void Watcher::CatchUpMirrors() {
 void Watcher::CatchUpFiles() {
   const std::string hostId = HostId();
   if (hostId.empty()) return;
+  BreakLocksOfGoneHolders();
   // Uploads first: a cycle that this node started while its watcher was away waits for it to
   // fill the buffer. The others' cycles cost a lock and a read each.
   std::vector<std::string> uploads;
   if (reader_->Keys(std::string(kUploadPrefix) + "*", &uploads)) {
-    for (const std::string &upload : uploads) QuillonServerBACKENDWrap().setFileSender(upload);
+    for (const std::string &upload : uploads) {
+      if (!Locked(upload)) QuillonServerBACKENDWrap().setFileSender(upload);
+    }
   }
   std::vector<std::string> tasks;
   const std::string queue = QuillonServerBACKENDWrap::composeFullQueueKeyPrefix(hostId) + "/";
@@ -194,6 +229,7 @@ void Watcher::WorkOffTask(const std::string &taskKey) {
   const size_t second = first == std::string::npos ? first : value.find('|', first + 1);
   if (second == std::string::npos || value.compare(0, first, "FILE") != 0) return;
   const std::string key = value.substr(second + 1);
+  if (Locked(FileUploadKey(key))) return;  // its holder is at work, or will be found gone later
   QuillonServerBACKENDWrap store;
   // A delete is carried out by the sender step on every node; an upload by the receiver step.
   store.setFileSender(FileUploadKey(key));

@@ -40,10 +40,14 @@ class Watcher {
   void Arrived(const std::string &namedKey, const std::string &value);
   void WaitForEarlierReceivers(const KOLT::QUILLON_SERVER::FileKeyVal &record,
                                const std::string &id);
-  // Returns once nobody holds the upload lock of `uploadKey`, or after a few seconds.
-  void WaitForUnlocked(const std::string &uploadKey);
-  // Brings this node's mirror of `key` to `value`, or drops it.
-  void Mirror(const std::string &key, const std::string &value, bool removed);
+  // True once nobody holds the upload lock of `uploadKey`; false when a live holder still has it
+  // after a few seconds.
+  bool WaitForUnlocked(const std::string &uploadKey);
+  bool Locked(const std::string &uploadKey);
+  // Breaks the upload locks whose holders are gone (a process that ended, this watcher).
+  void BreakLocksOfGoneHolders();
+  // Brings this node's mirror of `key` to the store's current value, or drops it.
+  void Mirror(const std::string &key);
   // The file cycle of the task `taskKey` of this node's queue, if it is one.
   void WorkOffTask(const std::string &taskKey);
 

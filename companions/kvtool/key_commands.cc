@@ -1,7 +1,11 @@
 #include "key_commands.h"
 
+#include <unistd.h>
+
 #include <set>
 #include <sstream>
+
+#include "kolt/proc_identity.h"
 
 #include "exit_status.h"
 #include "json_text.h"
@@ -37,9 +41,49 @@ int Set(Store *store, const Invocation &inv) {
   return master->Call(args) ? kExitOk : kExitStore;
 }
 
+const char kConfDir[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
+const char kLockPrefix[] = "quillon_server_lock/";
+const char kHolderPrefix[] = "quillon_server_lock_holder/";
+
+// The holder record of a cluster lock, or "" for any other key.
+std::string HolderKeyOf(const std::string &key) {
+  const size_t n = sizeof(kLockPrefix) - 1;
+  if (key.size() <= n || key.compare(0, n, kLockPrefix) != 0) return "";
+  return kHolderPrefix + key.substr(n);
+}
+
+std::string LocalId() {
+  std::string id;
+  if (ReadJsonMember(std::string(kConfDir) + "local_id_file", "id", &id) != JsonRead::kOk) return "";
+  return id;
+}
+
+// A lock and the record of its holder, the process that ran this tool, are set together: a lock
+// whose holder has gone can then be told from one still held, and broken.
+int CreateLock(Connection *master, const Invocation &inv, const std::string &holderKey) {
+  static const char kScript[] =
+      "local ok\n"
+      "if tonumber(ARGV[2]) > 0 then ok = redis.call('SET', KEYS[1], ARGV[1], 'NX', 'EX', ARGV[2])\n"
+      "else ok = redis.call('SET', KEYS[1], ARGV[1], 'NX') end\n"
+      "if not ok then return 0 end\n"
+      "if ARGV[3] == '' then return 1 end\n"
+      "if tonumber(ARGV[2]) > 0 then redis.call('SET', KEYS[2], ARGV[3], 'EX', ARGV[2])\n"
+      "else redis.call('SET', KEYS[2], ARGV[3]) end\n"
+      "return 1\n";
+  // A process of a node without an id can't be judged later: no record, the lock just expires.
+  const std::string node = LocalId();
+  const std::string holder = node.empty() ? "" : KLIBCLockHolderText(node, getppid());
+  Reply reply = master->Call({"EVAL", kScript, "2", inv.key, holderKey, inv.value,
+                              std::to_string(inv.ttl > 0 ? inv.ttl : 0), holder});
+  if (!reply || reply->type != REDIS_REPLY_INTEGER) return kExitStore;
+  return reply->integer == 1 ? kExitOk : kExitNo;
+}
+
 int Create(Store *store, const Invocation &inv) {
   Connection *master = store->Master();
   if (master == nullptr) return kExitStore;
+  const std::string holderKey = HolderKeyOf(inv.key);
+  if (!holderKey.empty()) return CreateLock(master, inv, holderKey);
   std::vector<std::string> args = {"SET", inv.key, inv.value, "NX"};
   AddExpiry(inv, &args);
   Reply reply = master->Call(args);
@@ -71,7 +115,25 @@ int Exist(Store *store, const Invocation &inv) {
 int Del(Store *store, const Invocation &inv) {
   Connection *master = store->Master();
   if (master == nullptr) return kExitStore;
-  return master->Call({"DEL", inv.key}) ? kExitOk : kExitStore;
+  std::vector<std::string> args = {"DEL", inv.key};
+  const std::string holderKey = HolderKeyOf(inv.key);
+  if (!holderKey.empty()) args.push_back(holderKey);
+  return master->Call(args) ? kExitOk : kExitStore;
+}
+
+// Removes a lock only while its holder record still reads --value: whoever took the lock since
+// the caller judged its holder gone keeps it.
+int BreakLock(Store *store, const Invocation &inv) {
+  static const char kScript[] =
+      "if redis.call('GET', KEYS[2]) == ARGV[1] then redis.call('DEL', KEYS[1], KEYS[2]) return 1 end\n"
+      "return 0\n";
+  const std::string holderKey = HolderKeyOf(inv.key);
+  if (holderKey.empty() || inv.value.empty()) return kExitNo;
+  Connection *master = store->Master();
+  if (master == nullptr) return kExitStore;
+  Reply reply = master->Call({"EVAL", kScript, "2", inv.key, holderKey, inv.value});
+  if (!reply || reply->type != REDIS_REPLY_INTEGER) return kExitStore;
+  return reply->integer == 1 ? kExitOk : kExitNo;
 }
 
 int DelDir(Store *store, const Invocation &inv) {
@@ -112,9 +174,10 @@ int List(Store *store, const Invocation &inv) {
 // The node's own address in the cluster, from the local mirrors of its id and of the mapping
 // table; "" when this node has not been set up.
 std::string OwnClusterAddress() {
-  const std::string conf = "/var/packages/Quillon-Server/etc/mailconf.d/";
-  std::string id, address;
-  if (ReadJsonMember(conf + "local_id_file", "id", &id) != JsonRead::kOk || id.empty()) return "";
+  const std::string conf = kConfDir;
+  std::string address;
+  const std::string id = LocalId();
+  if (id.empty()) return "";
   if (ReadJsonMember(conf + "mapping_table", "mapping_table/" + id, &address) != JsonRead::kOk) {
     return "";
   }
@@ -164,6 +227,7 @@ const Entry kCommands[] = {
     {"del_dir", DelDir},
     {"list", List},
     {"create", Create},
+    {"break_lock", BreakLock},
     {"get_redis_master_ip", MasterIp},
 };
 

@@ -12,7 +12,7 @@ namespace {
 const char kUsage[] =
     "usage: kolt-quillon-server-go-utils backend-command --command WORD --key KEY [--value VALUE]"
     " [--ttl SECONDS]\n"
-    "         WORD: set get linear_get exist del del_dir list create get_redis_master_ip\n"
+    "         WORD: set get linear_get exist del del_dir list create break_lock get_redis_master_ip\n"
     "       kolt-quillon-server-go-utils quillon_server_command --deregister"
     " --service_name NAME --server_id ID\n"
     "       kolt-quillon-server-go-utils sendDisaptcherEvent -type TYPE -tree TREE -key KEY\n"

@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <sstream>
 #include <cstring>
 #include <fstream>
 
@@ -14,6 +16,7 @@
 #include "foundation/log.h"
 #include "foundation/strings.h"
 #include "kolt/exec.h"
+#include "kolt/proc_identity.h"
 
 namespace KOLT {
 namespace QUILLON_SERVER {
@@ -24,6 +27,8 @@ namespace {
 
 constexpr int kQuietWait = 187;  // wait for the exit, stdio to /dev/null
 const char kLockPrefix[] = "quillon_server_lock/";
+// Beside each lock the key store tool records who took it: "NODE PID START".
+const char kHolderPrefix[] = "quillon_server_lock_holder/";
 const char kQueuePrefix[] = "task_queue/";
 const char kBackendConf[] = "/var/packages/Quillon-Server/etc/backend.conf";
 const char kRedisCli[] = "/var/packages/Quillon-Server/target/usr/bin/redis-cli";
@@ -144,13 +149,46 @@ bool QuillonServerBACKENDWrap::releaseLock(const std::string &name) {
 
 bool QuillonServerBACKENDWrap::getUploadKeyLock(const std::string &name, int tries) {
   if (tries < 1) return false;
-  // A holder that died leaves the lock behind for a day at most.
+  // The lock lives a day, so that a slow holder never loses it; one whose holder is provably
+  // gone (a store that restarted under it swallowed the release) is broken at the first miss.
+  bool holderChecked = false;
   for (int failed = 0;;) {
     if (acquireLock(name, 86400)) return true;
+    if (!holderChecked) {
+      holderChecked = true;
+      if (breakLockOfGoneHolder(name, 0)) continue;
+    }
     ++failed;
     sleep(1);
     if (failed >= tries) return false;
   }
+}
+
+bool QuillonServerBACKENDWrap::breakLockOfGoneHolder(const std::string &name, pid_t idlePid) {
+  std::string holder;
+  if (!getKey(kHolderPrefix + name, holder, true) || holder.empty()) return false;
+  std::string node, start;
+  long pid = 0;
+  {
+    std::istringstream fields(holder);
+    if (!(fields >> node >> pid >> start) || pid <= 0) return false;
+  }
+  KOLTMailNodeCluster cluster;
+  bool gone;
+  if (node == cluster.getHostID()) {
+    gone = pid == idlePid || KLIBCProcStartTime(static_cast<pid_t>(pid)) != start;
+  } else {
+    // Another node's process can't be seen from here; a node that has left the cluster holds
+    // nothing any more. A member that is down breaks its own stale locks when its watcher starts.
+    std::vector<std::string> peers;
+    gone = cluster.listBackendPeers(peers) && !peers.empty() &&
+           std::find(peers.begin(), peers.end(), node) == peers.end();
+  }
+  if (!gone) return false;
+  if (RunTool("break_lock", kLockPrefix + name, "--value", holder.c_str()) != 0) return false;
+  maillog(3, "%s:%d Broke the lock [%s] left behind by [%s], a holder that is gone", QSV_FILE,
+          __LINE__, name.c_str(), holder.c_str());
+  return true;
 }
 
 std::string QuillonServerBACKENDWrap::composeFullQueueKeyPrefix(const std::string &server) {

@@ -9,6 +9,7 @@
 #define MAILSERVER_CLUSTER_BACKENDWRAPPER_H_
 
 #include <json/json.h>
+#include <sys/types.h>
 
 #include <map>
 #include <string>
@@ -50,8 +51,13 @@ class QSV_EXPORT QuillonServerBACKENDWrap {
   // Cluster-wide named locks, held for `ttl` seconds at most.
   bool acquireLock(const std::string &name, unsigned long ttl);
   bool releaseLock(const std::string &name);
-  // acquireLock once a second, `tries` times at most.
+  // acquireLock once a second, `tries` times at most. A lock whose holder is gone is broken at
+  // the first miss (see breakLockOfGoneHolder).
   bool getUploadKeyLock(const std::string &name, int tries);
+  // Removes the lock `name` when its holder is provably gone: a process of this node that no
+  // longer exists (or is `idlePid`, a caller that knows it holds nothing now), or a node that is
+  // no longer a member. Logs the break. True when the lock was broken.
+  bool breakLockOfGoneHolder(const std::string &name, pid_t idlePid);
 
   bool taskAdd(const std::string &server, const std::string &taskId, const std::string &key,
                int kind, const std::string &tree);

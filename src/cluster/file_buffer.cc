@@ -1,5 +1,7 @@
-#include "cluster/file_buffer.h"
+#include "cluster/KvfileBuffer.h"
 
+#include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -27,6 +29,54 @@ constexpr size_t kEncodedPieceSize = 24576;
 struct FreeDeleter {
   void operator()(void *p) const { free(p); }
 };
+
+// SHA-256 of a stream of pieces, as lower-case hex.
+class Sha256 {
+ public:
+  Sha256() : context_(EVP_MD_CTX_new()) {
+    if (context_ != nullptr) EVP_DigestInit_ex(context_, EVP_sha256(), nullptr);
+  }
+  ~Sha256() { EVP_MD_CTX_free(context_); }
+  void Add(const void *data, size_t size) {
+    if (context_ != nullptr) EVP_DigestUpdate(context_, data, size);
+  }
+  std::string Hex() {
+    unsigned char sum[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (context_ == nullptr || EVP_DigestFinal_ex(context_, sum, &size) != 1) return "";
+    static const char kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned int i = 0; i < size; ++i) {
+      hex += kHex[sum[i] >> 4];
+      hex += kHex[sum[i] & 15];
+    }
+    return hex;
+  }
+
+ private:
+  EVP_MD_CTX *context_;
+};
+
+bool DigestMatches(const std::string &key, const char *data, size_t size,
+                   const std::string &digest) {
+  Sha256 sum;
+  sum.Add(data, size);
+  if (sum.Hex() == digest) return true;
+  maillog(3, "%s:%d Refused the content of key[%s]: it does not match the digest in the store",
+          QSV_FILE, __LINE__, key.c_str());
+  return false;
+}
+
+// Opens `path` as a new file: whatever stood there is removed first, and a link put there in the
+// meantime is not followed. The target's directory may be writable by others (mail spools are).
+FILE *CreateFresh(const std::string &path) {
+  unlink(path.c_str());
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  FILE *out = fdopen(fd, "wb");
+  if (out == nullptr) close(fd);
+  return out;
+}
 
 }  // namespace
 
@@ -60,7 +110,13 @@ bool FileBuffer::connectToServer() {
 }
 
 bool FileBuffer::setFileContentToBuffer(const std::string &key, const std::string &path) {
+  return setFileContentToBuffer(key, path, nullptr);
+}
+
+bool FileBuffer::setFileContentToBuffer(const std::string &key, const std::string &path,
+                                        std::string *digest) {
   if (!connectToServer()) return false;
+  Sha256 sum;
   std::unique_ptr<FILE, int (*)(FILE *)> in(fopen(path.c_str(), "rbe"), fclose);
   if (!in) {
     maillog(3, "%s:%d Failed to open %s", QSV_FILE, __LINE__, path.c_str());
@@ -75,6 +131,7 @@ bool FileBuffer::setFileContentToBuffer(const std::string &key, const std::strin
   char encoded[kEncodedPieceSize];
   size_t n;
   while ((n = fread(piece, 1, sizeof(piece), in.get())) > 0) {
+    if (digest != nullptr) sum.Add(piece, n);
     const int length = KLIBCBase64SzEncodeFull(piece, n, encoded, sizeof(encoded));
     if (length < 0) {
       maillog(3, "%s:%d Failed to KLIBCBase64SzEncodeFull()", QSV_FILE, __LINE__);
@@ -91,6 +148,7 @@ bool FileBuffer::setFileContentToBuffer(const std::string &key, const std::strin
     maillog(3, "%s:%d Failed to memcached_set() [key: %s]", QSV_FILE, __LINE__, key.c_str());
     return false;
   }
+  if (digest != nullptr) *digest = sum.Hex();
   return true;
 }
 
@@ -160,6 +218,13 @@ bool FileBuffer::createPath(const std::string &path,
 
 bool FileBuffer::dumpFileContentFromBuffer(const std::string &key, const std::string &path,
                                            const std::map<std::string, FilePathInfo> &pathInfo) {
+  return dumpFileContentFromBuffer(key, path, pathInfo, "");
+}
+
+bool FileBuffer::dumpFileContentFromBuffer(const std::string &key, const std::string &path,
+                                           const std::map<std::string, FilePathInfo> &pathInfo,
+                                           const std::string &digest) {
+  contentRefused_ = false;
   if (!connectToServer()) return false;
   size_t length = 0;
   uint32_t flags = 0;
@@ -169,8 +234,12 @@ bool FileBuffer::dumpFileContentFromBuffer(const std::string &key, const std::st
     maillog(3, "%s:%d Failed to memcached_get() [key: %s]", QSV_FILE, __LINE__, key.c_str());
     return false;
   }
+  if (!digest.empty() && length == 0 && !DigestMatches(key, "", 0, digest)) {
+    contentRefused_ = true;
+    return false;
+  }
   if (length == 0) {
-    FILE *empty = fopen(path.c_str(), "we");
+    FILE *empty = CreateFresh(path);
     if (empty == nullptr) {
       maillog(3, "%s:%d Failed to open %s, errno: %s", QSV_FILE, __LINE__, path.c_str(),
               strerror(errno));
@@ -191,20 +260,25 @@ bool FileBuffer::dumpFileContentFromBuffer(const std::string &key, const std::st
     return false;
   }
   value.reset();
+  if (!digest.empty() && !DigestMatches(key, decoded.get(), static_cast<size_t>(size), digest)) {
+    contentRefused_ = true;
+    return false;
+  }
 
   if (!createPath(path, pathInfo)) {
     maillog(3, "%s:%d Failed to createPath()", QSV_FILE, __LINE__);
     return false;
   }
   const std::string tmp = path + ".tmp";
-  FILE *out = fopen(tmp.c_str(), "wbe");
+  FILE *out = CreateFresh(tmp);
   if (out == nullptr) {
     maillog(3, "%s:%d Failed to open %s, errno: %s", QSV_FILE, __LINE__, tmp.c_str(),
             strerror(errno));
     return false;
   }
   const bool written = fwrite(decoded.get(), 1, static_cast<size_t>(size), out) ==
-                       static_cast<size_t>(size);
+                           static_cast<size_t>(size) &&
+                       fflush(out) == 0 && fsync(fileno(out)) == 0;
   if (fclose(out) != 0 || !written) {
     maillog(3, "%s:%d Failed to open %s, errno: %s", QSV_FILE, __LINE__, tmp.c_str(),
             strerror(errno));
@@ -221,7 +295,10 @@ bool FileBuffer::dumpFileContentFromBuffer(const std::string &key, const std::st
             strerror(errno));
     return false;
   }
-  if (KOLTFSAclChmod(tmp.c_str(), -1, found->second.mode) != 0) {
+  // Set-id bits never travel: a file that lands as root's must not run as root for whoever can
+  // read it. Nothing the cluster syncs is a program.
+  const mode_t mode = found->second.mode & ~static_cast<mode_t>(S_ISUID | S_ISGID);
+  if (KOLTFSAclChmod(tmp.c_str(), -1, mode) != 0) {
     maillog(3, "%s:%d Failed to KOLTFSAclChmod path[%s]", QSV_FILE, __LINE__, tmp.c_str());
     return false;
   }

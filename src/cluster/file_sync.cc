@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -11,7 +12,7 @@
 #include <ctime>
 
 #include "cluster/backendWrapper.h"
-#include "cluster/file_buffer.h"
+#include "cluster/KvfileBuffer.h"
 #include "cluster/mailserver_cluster.h"
 #include "core/key_tree_store.h"
 #include "foundation/log.h"
@@ -30,13 +31,24 @@ constexpr int kWatcherLockTries = 120;
 constexpr int kHookTries = 10;
 const char kContentPrefix[] = "file_content_tree/";
 const char kQueuePrefix[] = "task_queue/";
+// The SHA-256 of a cycle's content, beside its record: the buffer takes writes from anyone, the
+// store only from cluster members.
+const char kDigestPrefix[] = "file_content_digest/";
+
+std::string DigestKey(const FileKeyVal &record) { return kDigestPrefix + record.taskQueueKey; }
 
 // Releases the upload lock of a key when the operation ends, on every path after the acquire.
 class UploadLock {
  public:
   explicit UploadLock(const std::string &uploadKey) : uploadKey_(uploadKey) {}
   ~UploadLock() {
-    if (held_) QuillonServerBACKENDWrap().releaseLock(uploadKey_);
+    if (!held_) return;
+    // A store that restarts under us swallows the release; a few seconds usually see it back,
+    // after that the lock waits for someone to find its holder gone.
+    for (int attempt = 0; !QuillonServerBACKENDWrap().releaseLock(uploadKey_) && attempt < 3;
+         ++attempt) {
+      sleep(1);
+    }
   }
   bool Acquire(int tries) {
     held_ = QuillonServerBACKENDWrap().getUploadKeyLock(uploadKey_, tries);
@@ -67,6 +79,55 @@ bool ResolveAllowed(const std::string &path, const char **prefixes, const char *
   return true;
 }
 
+// Paths travel in records and each node uses them from its own working directory: only an
+// absolute path means the same file everywhere.
+bool Absolute(const std::string &path, int line) {
+  if (!path.empty() && path[0] == '/') return true;
+  maillog(3, "%s:%d The path is not absolute [%s]", QSV_FILE, line, path.c_str());
+  return false;
+}
+
+// Whether a record read from the store may write or delete `path`: absolute, no "." or ".."
+// step, and under an allowed place once the links of the directories that exist are resolved.
+// The record is checked again here because the sender's checks ran on another node.
+bool DestinationAllowed(const std::string &path) {
+  bool allowed = !path.empty() && path[0] == '/' && path.back() != '/' &&
+                 ("/" + path + "/").find("/./") == std::string::npos &&
+                 ("/" + path + "/").find("/../") == std::string::npos;
+  if (allowed) {
+    // The deepest directory above the file that exists already decides where it really lands;
+    // what is missing below it is made by the receiver, as plain directories.
+    size_t cut = path.rfind('/');
+    std::string dir = path.substr(0, cut);
+    struct stat st;
+    while (!dir.empty() && lstat(dir.c_str(), &st) != 0) {
+      cut = dir.rfind('/');
+      dir = dir.substr(0, cut);
+    }
+    char real[PATH_MAX];
+    allowed = !dir.empty() && realpath(dir.c_str(), real) != nullptr &&
+              checkPathValid(szgAllowPrefix, (real + path.substr(cut)).c_str());
+  }
+  if (!allowed) {
+    maillog(3, "%s:%d Refused a file record: destination [%s] is not an allowed place", QSV_FILE,
+            __LINE__, path.c_str());
+  }
+  return allowed;
+}
+
+// Whether a record read from the store may run `script` (one that exists): under a script place
+// once resolved.
+bool ScriptAllowed(const std::string &script) {
+  char real[PATH_MAX];
+  if (!script.empty() && script[0] == '/' && realpath(script.c_str(), real) != nullptr &&
+      checkPathValid(szgAllowScriptPrefix, real)) {
+    return true;
+  }
+  maillog(3, "%s:%d Refused a file record: script [%s] is not an allowed script", QSV_FILE,
+          __LINE__, script.c_str());
+  return false;
+}
+
 std::string HostId() {
   KOLTMailNodeCluster cluster;
   const std::string id = cluster.getHostID();
@@ -90,6 +151,11 @@ bool QuillonServerBACKENDWrap::setFile(const std::string &key, const std::string
   KOLTMailNodeCluster cluster;
   if (!cluster.isClusterHealth(true)) {
     maillog(3, "%s:%d The cluster is unhealth so cannot sync file", QSV_FILE, __LINE__);
+    return false;
+  }
+  if (!Absolute(path, __LINE__)) return false;
+  if (scriptAndArgs != nullptr && scriptAndArgs[0] != nullptr &&
+      !Absolute(scriptAndArgs[0], __LINE__)) {
     return false;
   }
   struct stat st;
@@ -245,18 +311,22 @@ bool QuillonServerBACKENDWrap::dumpFileToBuffer(FileKeyVal &record) {
   FileBuffer buffer(master, kBufferPort);
   // A receiver that found nothing wakes the sender again; when the content is there after all,
   // there is nothing to redo.
-  if (buffer.checkBufferKeyExist(record.fileContentKey)) {
+  if (buffer.checkBufferKeyExist(record.fileContentKey) && exist(DigestKey(record))) {
     maillog(1, "%s:%d The key [%s] has already exist, no need to update again", QSV_FILE,
             __LINE__, record.fileContentKey.c_str());
     return true;
   }
-  bool stored;
+  std::string digest;
   ENTERCriticalSection;
-  stored = buffer.setFileContentToBuffer(record.fileContentKey, record.srcFilePath);
+  bool stored = buffer.setFileContentToBuffer(record.fileContentKey, record.srcFilePath, &digest);
   LEAVECriticalSection;
   if (!stored) {
     maillog(3, "%s:%d Failed to buffer.setFileContentToBuffer(%s, %s)", QSV_FILE, __LINE__,
             record.fileContentKey.c_str(), record.srcFilePath.c_str());
+    return false;
+  }
+  if (!setKey(DigestKey(record), digest, 0)) {
+    maillog(3, "%s:%d Failed to setKey(%s)", QSV_FILE, __LINE__, DigestKey(record).c_str());
     return false;
   }
   // The named key is the receivers' signal that the content waits for them.
@@ -285,10 +355,17 @@ bool QuillonServerBACKENDWrap::setFileReceiver(const std::string &key) {
            "%s:%d I am Receviver(key[%s]): download from fileKey[%s] to path[%s] task[%s]",
            QSV_FILE, __LINE__, key.c_str(), record.fileContentKey.c_str(),
            record.dstFilePath.c_str(), record.taskQueueKey.c_str());
+    if (!DestinationAllowed(record.dstFilePath)) return false;
+    if (!record.scriptPath.empty() && access(record.scriptPath.c_str(), F_OK) == 0 &&
+        !ScriptAllowed(record.scriptPath)) {
+      return false;
+    }
     std::string master;
     if (!MasterBalancer(master)) return false;
     FileBuffer buffer(master, kBufferPort);
-    if (!buffer.checkBufferKeyExist(record.fileContentKey)) {
+    std::string digest;
+    if (!buffer.checkBufferKeyExist(record.fileContentKey) ||
+        !getKey(DigestKey(record), digest, true)) {
       // The sender hasn't uploaded yet, or the buffer lost the content: wake it again and keep
       // the task for the next signal.
       if (!hookKey(record, record.uploadKey, false)) {
@@ -298,11 +375,17 @@ bool QuillonServerBACKENDWrap::setFileReceiver(const std::string &key) {
              record.fileContentKey.c_str());
       return false;
     }
-    bool landed;
     ENTERCriticalSection;
-    landed = buffer.dumpFileContentFromBuffer(record.fileContentKey, record.dstFilePath,
-                                              record.pathInfo);
+    bool landed = buffer.dumpFileContentFromBuffer(record.fileContentKey, record.dstFilePath,
+                                                   record.pathInfo, digest);
     LEAVECriticalSection;
+    if (buffer.contentRefused()) {
+      // Someone other than the sender wrote the buffer: drop that content and have the sender
+      // upload its own again.
+      buffer.removeFileContentFromBuffer(record.fileContentKey);
+      hookKey(record, record.uploadKey, false);
+      return false;
+    }
     if (!landed) {
       maillog(3, "%s:%d Failed to dumpFileContentFromBuffer() key:[%s], dst path:[%s]", QSV_FILE,
               __LINE__, record.fileContentKey.c_str(), record.dstFilePath.c_str());
@@ -341,6 +424,7 @@ bool QuillonServerBACKENDWrap::deleteFile(const std::string &key, const std::str
     maillog(3, "%s:%d The cluster is unhealth so cannot sync file", QSV_FILE, __LINE__);
     return false;
   }
+  if (!path.empty() && !Absolute(path, __LINE__)) return false;
   const std::string hostId = HostId();
   if (hostId.empty()) return false;
   UploadLock lock(FileUploadKey(key));
@@ -368,6 +452,7 @@ bool QuillonServerBACKENDWrap::deleteFile(const std::string &key, const std::str
 bool QuillonServerBACKENDWrap::deleteLocalFile(const FileKeyVal &record) {
   const std::string hostId = HostId();
   if (hostId.empty()) return false;
+  if (!DestinationAllowed(record.dstFilePath)) return false;
   int rc = 0;
   int error = 0;
   ENTERCriticalSection;
@@ -451,6 +536,7 @@ bool QuillonServerBACKENDWrap::taskRemove(const std::string &hostId, const std::
     std::string master;
     if (!MasterBalancer(master)) return false;
     FileBuffer(master, kBufferPort).removeFileContentFromBuffer(record.fileContentKey);
+    removeKey(DigestKey(record));
     syslog(LOG_DEBUG, "%s:%d Receiever[%s]: Remove file content: %s", QSV_FILE, __LINE__,
            hostId.c_str(), record.fileContentKey.c_str());
   }

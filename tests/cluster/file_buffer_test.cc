@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "cluster/file_buffer.h"
+#include "cluster/KvfileBuffer.h"
 #include "harness/recording_script.h"
 #include "harness/servers.h"
 #include "harness/syslog_capture.h"

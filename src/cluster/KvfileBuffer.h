@@ -4,8 +4,8 @@
 //
 // An object belongs to one caller at a time and connects at its first operation; it owns its
 // memcached handle and server list. Make a new one per operation: nothing is cached.
-#ifndef MAILSERVER_CLUSTER_FILE_BUFFER_H_
-#define MAILSERVER_CLUSTER_FILE_BUFFER_H_
+#ifndef MAILSERVER_CLUSTER_KVFILEBUFFER_H_
+#define MAILSERVER_CLUSTER_KVFILEBUFFER_H_
 
 #include <libmemcached/memcached.h>
 
@@ -30,6 +30,10 @@ class QSV_EXPORT FileBuffer {
 
   // Stores the content of the file at `path` under `key`; an empty file is the empty value.
   bool setFileContentToBuffer(const std::string &key, const std::string &path);
+  // The same, and `digest` becomes the SHA-256 (hex) of the bytes stored. The buffer takes writes
+  // from anyone: whoever sends keeps the digest where only cluster members can write.
+  bool setFileContentToBuffer(const std::string &key, const std::string &path,
+                              std::string *digest);
   bool checkBufferKeyExist(const std::string &key);
   // A key that isn't there is a success.
   bool removeFileContentFromBuffer(const std::string &key);
@@ -39,6 +43,12 @@ class QSV_EXPORT FileBuffer {
   // REQUIRES: root, for the owners (callers run it inside the critical section).
   bool dumpFileContentFromBuffer(const std::string &key, const std::string &path,
                                  const std::map<std::string, FilePathInfo> &pathInfo);
+  // The same, but content whose SHA-256 (hex) differs from `digest` is refused before anything
+  // is written, and contentRefused() tells so afterwards.
+  bool dumpFileContentFromBuffer(const std::string &key, const std::string &path,
+                                 const std::map<std::string, FilePathInfo> &pathInfo,
+                                 const std::string &digest);
+  bool contentRefused() const { return contentRefused_; }
 
  private:
   bool createPath(const std::string &path, const std::map<std::string, FilePathInfo> &pathInfo);
@@ -48,9 +58,10 @@ class QSV_EXPORT FileBuffer {
   memcached_st *memc_ = nullptr;
   memcached_return_t status_ = MEMCACHED_SUCCESS;
   memcached_server_st *servers_ = nullptr;
+  bool contentRefused_ = false;
 };
 
 }  // namespace QUILLON_SERVER
 }  // namespace KOLT
 
-#endif  // MAILSERVER_CLUSTER_FILE_BUFFER_H_
+#endif  // MAILSERVER_CLUSTER_KVFILEBUFFER_H_
