@@ -120,16 +120,19 @@ bool FileKeyVal::fromJson(const Json::Value &json) {
   for (const char *member : kRequiredMembers) {
     if (!json.isMember(member)) return false;
   }
+  // Members are read by conversion, as other writers of records may type them (a numeric
+  // timestamp, an "isDelete" of 1); only what can't be converted refuses the record.
   const Json::Value &paths = json["pathInfo"];
   const Json::Value &args = json["scriptArgs"];
   if (!paths.isObject() || !json["randNum"].isConvertibleTo(Json::intValue) ||
-      !(args.isNull() || args.isArray())) {
+      !(args.isNull() || args.isArray()) ||
+      !json["isDelete"].isConvertibleTo(Json::booleanValue)) {
     return false;
   }
   for (const char *member : {"senderID", "srcFilePath", "dstFilePath", "timestamp",
                              "oriBackendKey", "uploadKey", "fileContentKey", "taskQueueKey",
                              "scriptPath"}) {
-    if (!json[member].isNull() && !json[member].isString()) return false;
+    if (!json[member].isConvertibleTo(Json::stringValue)) return false;
   }
   senderID = json["senderID"].asString();
   srcFilePath = json["srcFilePath"].asString();
@@ -140,7 +143,7 @@ bool FileKeyVal::fromJson(const Json::Value &json) {
   fileContentKey = json["fileContentKey"].asString();
   taskQueueKey = json["taskQueueKey"].asString();
   scriptPath = json["scriptPath"].asString();
-  isDelete = json.isMember("isDelete") && json["isDelete"].isBool() && json["isDelete"].asBool();
+  isDelete = json["isDelete"].asBool();
   randNum = json["randNum"].asInt();
   scriptArgs.clear();
   for (const Json::Value &arg : args) {

@@ -1,5 +1,7 @@
 // The backend wrapper against a real Redis through the real key store tool: values, trees, tasks,
 // the cluster-wide locks, and which node is the replication master.
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,6 +11,7 @@
 #include "cluster/backendWrapper.h"
 #include "cluster/store_fixture.h"
 #include "config/mail_conf.h"
+#include "harness/run_as.h"
 
 namespace {
 
@@ -97,6 +100,21 @@ TEST_F(BackendTest, TheMasterIsThisNodeByItsExactAddress) {
   qsvtest::Aside real(qsvtest::kTool);
   qsvtest::RecordingScript tool(qsvtest::kTool, 0, "127.0.0.1\n");
   EXPECT_FALSE(backend_.isRedisMaster());
+}
+
+// Whoever reads the backend password can write the store, and the root watcher carries out what
+// the store says: no other local user may read it, also after the store rewrote its configuration.
+TEST_F(BackendTest, ThePasswordFilesAreClosedToOtherUsers) {
+  const char *const files[] = {"/var/packages/Quillon-Server/etc/backend.conf",
+                               "/var/packages/Quillon-Server/etc/redis/redis.conf"};
+  ASSERT_TRUE(backend_.becomeRedisMaster());
+  for (const char *file : files) {
+    struct stat st;
+    ASSERT_EQ(stat(file, &st), 0) << file;
+    EXPECT_EQ(st.st_mode & 077, 0u) << file;
+    EXPECT_EQ(qsvtest::RunAsUnprivileged("nobody", [&] { return open(file, O_RDONLY) < 0 ? 0 : 1; }),
+              0) << file << " opened by nobody";
+  }
 }
 
 TEST_F(BackendTest, AStoppedStoreLooksLikeAMissingKey) {

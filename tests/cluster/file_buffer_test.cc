@@ -70,4 +70,33 @@ TEST_F(FileBufferTest, AbsentContentIsAFailureToFetchButNotToRemove) {
   EXPECT_EQ(qsvtest::ReadFile(kRoot + "/source"), "payload\n");
 }
 
+// The buffer takes writes from anyone: what a receiver lands is what the sender's digest says, a
+// link planted beside the target is never written through, and set-id bits never travel.
+TEST_F(FileBufferTest, OnlyTheSendersBytesLandAndNothingElseIsWrittenThrough) {
+  std::string digest;
+  ASSERT_TRUE(buffer_.setFileContentToBuffer("k", kRoot + "/source", &digest));
+  EXPECT_EQ(digest, "d4e4877bac978b7952f0d544fc52ebff5411d351d129f1f056fa43f11da9af2b");  // sha256sum of "payload\n"
+  const std::string target = kRoot + "/landed";
+  const std::map<std::string, FilePathInfo> info = {{target, File(04755, 0)}};
+  const std::string victim = kRoot + "/victim";
+  qsvtest::WriteFile(victim, "untouched\n");
+  ASSERT_EQ(symlink(victim.c_str(), (target + ".tmp").c_str()), 0);
+
+  qsvtest::SyslogCapture log;
+  EXPECT_TRUE(qsvtest::TcpExchange(8502, "set k 0 0 8\r\nZXZpbAo=\r\n").find("STORED") == 0);
+  EXPECT_FALSE(buffer_.dumpFileContentFromBuffer("k", target, info, digest));
+  EXPECT_TRUE(buffer_.contentRefused());
+  EXPECT_EQ(log.Matching("Refused the content of key[k]").size(), 1u);
+  EXPECT_NE(access(target.c_str(), F_OK), 0);
+
+  ASSERT_TRUE(buffer_.setFileContentToBuffer("k", kRoot + "/source"));
+  ASSERT_TRUE(buffer_.dumpFileContentFromBuffer("k", target, info, digest));
+  EXPECT_FALSE(buffer_.contentRefused());
+  EXPECT_EQ(qsvtest::ReadFile(target), "payload\n");
+  EXPECT_EQ(qsvtest::ReadFile(victim), "untouched\n");
+  struct stat st;
+  ASSERT_EQ(stat(target.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+}
+
 }  // namespace

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -28,6 +29,19 @@ using qsvtest::StoreCommand;
 const char kPassword[] = "cluster-secret";
 const char kEtc[] = "/var/packages/Quillon-Server/etc";
 const char kScriptDir[] = "/var/packages/Quillon-Server/target/backend_hook/scripts";
+const char kTool[] = "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
+
+// A record as a cluster member would write it, with node 1 as sender.
+std::string Record(const std::string &key, const std::string &dst, const std::string &script) {
+  const std::string task = "1_" + key;
+  return "{\"senderID\":\"mailserver_id-1\",\"srcFilePath\":\"" + dst + "\",\"dstFilePath\":\"" +
+         dst + "\",\"timestamp\":\"1\",\"oriBackendKey\":\"" + key +
+         "\",\"uploadKey\":\"kv_file_upload/file_upload_hook-" + key +
+         "\",\"fileContentKey\":\"file_content_tree/" + task + "\",\"taskQueueKey\":\"" + task +
+         "\",\"scriptPath\":\"" + script + "\",\"isDelete\":false,\"scriptArgs\":[],"
+         "\"pathInfo\":{\"" + dst + "\":{\"mode\":36333,\"uid\":0,\"gid\":0,\"isDir\":false}},"
+         "\"randNum\":1}";
+}
 
 std::string RandomBytes(size_t size, unsigned seed) {
   std::mt19937 gen(seed);
@@ -218,8 +232,132 @@ TEST_F(FileSyncCluster, PathsOutsideTheAllowedPlacesAreRefusedBeforeAnyKeyIsWrit
   EXPECT_NE(Ctl(1, {"file", "set", "sync_refused", link}), 0);
   EXPECT_NE(Ctl(1, {"file", "set", "sync_refused", kEtc}), 0);  // a directory
   EXPECT_NE(Ctl(1, {"file", "set", "sync_refused", allowed, script}), 0);
+  // A relative path would name another file on each node, from each one's working directory.
+  const std::string ctl = std::string(getenv("QSV_BUILD_DIR")) + "/tools/mailserverctl";
+  for (const std::string &words : {"file set sync_refused etc/fine.conf",
+                                   "file delete sync_refused etc/fine.conf"}) {
+    EXPECT_NE(nodes_->Run(1, {"/bin/sh", "-c", "cd /var/packages/Quillon-Server && " + ctl + " " +
+                                                   words}),
+              0);
+  }
+  EXPECT_TRUE(Exists(On(1, allowed)));
   EXPECT_EQ(StoreCommand(kPassword, {"KEYS", "*refused*"}), "");
   EXPECT_EQ(StoreCommand(kPassword, {"KEYS", "task_queue/*"}), "");
+}
+
+// The buffer takes writes from anyone and the store from members only: content someone else put
+// in the buffer never lands, and a record written to the store (here with the password, as an
+// intruder who had it would) still can't place a file or run a program outside the allowed places.
+TEST_F(FileSyncCluster, TamperedContentAndForgedRecordsAreRefusedByEveryReceiver) {
+  const std::string path = std::string(kEtc) + "/tampered.conf";
+  const std::string content = RandomBytes(30000, 4);
+  qsvtest::WriteFile(On(1, path), content);
+  nodes_->StopWatcher(3);
+  ASSERT_EQ(Ctl(1, {"file", "set", "sync_tampered", path}), 0);
+  ASSERT_TRUE(Eventually([&] { return Landed(2, path, content); }));
+  const std::string task = StoreCommand(kPassword, {"KEYS", "task_queue/mailserver_id-3/*"});
+  ASSERT_NE(task, "");
+  const std::string item = "file_content_tree/" + task.substr(task.rfind('/') + 1);
+  EXPECT_EQ(qsvtest::TcpExchange(8502, "set " + item + " 0 0 8\r\nZXZpbAo=\r\n"), "STORED\r\n");
+  nodes_->StartWatcher(3);
+  // Refused, dropped from the buffer, uploaded again by the sender: node 3 gets the real bytes.
+  EXPECT_TRUE(Eventually([&] { return Landed(3, path, content); }, 15));
+  EXPECT_TRUE(Eventually(CyclesDone));
+
+  const std::string outside = "/var/packages/Quillon-Server/home/owned";
+  const std::string escape = std::string(kEtc) + "/../home/owned";
+  const std::string allowed = std::string(kEtc) + "/forged.conf";
+  const std::string evil = std::string(kEtc) + "/evil.sh";
+  const std::string marker = std::string(kEtc) + "/evil_ran";
+  for (int node : {2, 3}) {
+    qsvtest::WriteFile(On(node, evil), "#!/bin/sh\ntouch " + marker + "\n", 0755);
+  }
+  const std::pair<std::string, std::string> forged[] = {
+      {outside, ""}, {escape, ""}, {allowed, evil}};
+  int n = 0;
+  for (const auto &target : forged) {
+    const std::string key = "forged" + std::to_string(++n);
+    const std::string record = Record(key, target.first, target.second);
+    qsvtest::TcpExchange(8502, "set file_content_tree/1_" + key + " 0 0 8\r\nZXZpbAo=\r\n");
+    StoreCommand(kPassword, {"SET", "file_content_digest/1_" + key,
+                             "886b67480dbe73b406ad83a1dd6d9596f93089d90c220ccfc91944c95f1c68c4"});  // of "evil\n"
+    StoreCommand(kPassword, {"SET", "kv_file_upload/file_upload_hook-" + key, record});
+    StoreCommand(kPassword, {"SET", "mailserver/conf/" + key, record});
+  }
+  std::this_thread::sleep_for(std::chrono::seconds(3));
+  for (int node : {2, 3}) {
+    EXPECT_FALSE(Exists(On(node, outside))) << node;
+    EXPECT_FALSE(Exists(On(node, allowed))) << node;
+    EXPECT_FALSE(Exists(On(node, marker))) << node;
+  }
+  for (const std::string &key : {"forged1", "forged2", "forged3"}) {
+    StoreCommand(kPassword, {"DEL", std::string("kv_file_upload/file_upload_hook-") + key});
+  }
+}
+
+// A lock lives a day so that a slow holder never loses it; one whose holder has gone is broken at
+// once, and one still held never keeps other settings and files from reaching the other nodes.
+TEST_F(FileSyncCluster, LocksOfGoneHoldersAreBrokenAndAHeldOneHoldsUpNothingElse) {
+  const std::string lockOf = "quillon_server_lock/kv_file_upload/file_upload_hook-";
+  const std::string create =
+      std::string(kTool) + " backend-command --command create --value locked --ttl 86400 --key ";
+  const std::string orphan = std::string(kEtc) + "/orphan.conf";
+  qsvtest::WriteFile(On(1, orphan), "orphan\n");
+  ASSERT_EQ(nodes_->Run(1, {"/bin/sh", "-c", create + lockOf + "sync_orphan"}), 0);
+  ASSERT_EQ(Ctl(1, {"file", "set", "sync_orphan", orphan}), 0);
+  EXPECT_TRUE(Eventually([&] { return Landed(3, orphan, "orphan\n"); }, 15));
+
+  // A live holder on node 1, and a record of that key that wakes every receiver.
+  ASSERT_EQ(nodes_->Run(1, {"/bin/sh", "-c", "setsid /bin/sh -c '" + create + lockOf +
+                                                 "sync_held; exec sleep 120' </dev/null "
+                                                 ">/dev/null 2>&1 &"}),
+            0);
+  ASSERT_TRUE(Eventually([&] {
+    return StoreCommand(kPassword, {"EXISTS", lockOf + "sync_held"}) == "1";
+  }));
+  const std::string held = std::string(kEtc) + "/held.conf";
+  StoreCommand(kPassword, {"SET", "mailserver/conf/sync_held", Record("sync_held", held, "")});
+  StoreCommand(kPassword, {"SET", "kv_file_upload/file_upload_hook-sync_held",
+                           Record("sync_held", held, "")});
+  const std::string other = std::string(kEtc) + "/other.conf";
+  qsvtest::WriteFile(On(1, other), "other\n");
+  ASSERT_EQ(Ctl(1, {"conf", "set", "smtp_banner", "after the stuck lock"}), 0);
+  ASSERT_EQ(Ctl(1, {"file", "set", "sync_other", other}), 0);
+  const std::string banner = "/var/packages/Quillon-Server/etc/mailconf.d/smtp_banner";
+  for (int node : {2, 3}) {
+    EXPECT_TRUE(Eventually([&] {
+      return ReadFile(On(node, banner)).find("after the stuck lock") != std::string::npos &&
+             Landed(node, other, "other\n");
+    }, 20)) << node;
+  }
+  EXPECT_EQ(StoreCommand(kPassword, {"EXISTS", lockOf + "sync_held"}), "1");
+  StoreCommand(kPassword, {"DEL", lockOf + "sync_held", "kv_file_upload/file_upload_hook-sync_held"});
+}
+
+// The watcher mirrors what it reads under the key file's lock: a reader of the file never sees a
+// value older than the last write this node acknowledged.
+TEST_F(FileSyncCluster, AKeyFileNeverGoesBackToAnOlderValue) {
+  const std::string file = On(1, "/var/packages/Quillon-Server/etc/mailconf.d/smtp_helo_name");
+  std::atomic<int> acknowledged{0};
+  std::atomic<bool> done{false};
+  int regressions = 0;
+  std::thread reader([&] {
+    while (!done) {
+      const int before = acknowledged;  // what the file must hold at least from here on
+      const std::string text = ReadFile(file);
+      const size_t at = text.find(":\"");
+      const int seen = at == std::string::npos ? 0 : atoi(text.c_str() + at + 2);
+      if (seen < before) ++regressions;
+    }
+  });
+  for (int i = 1; i <= 200; ++i) {
+    ASSERT_EQ(Ctl(1, {"conf", "set", "smtp_helo_name", std::to_string(i)}), 0);
+    acknowledged = i;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  done = true;
+  reader.join();
+  EXPECT_EQ(regressions, 0);
 }
 
 }  // namespace

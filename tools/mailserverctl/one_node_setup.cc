@@ -130,8 +130,12 @@ bool WriteRedisConf(const std::string &password, uid_t uid, gid_t gid) {
   text += "port 8500\n";
   text += std::string("dir  ") + kRedisDir + "\n";
   text += "logfile " + logFile + "\n";
-  if (ReadText(kRedisConf) == text) return true;
-  return WriteOwnedFile(kRedisConf, text, 0644, uid, gid);
+  // It holds the backend password: readable by root and the package user only, also when an
+  // earlier setup left it readable by everyone.
+  if (ReadText(kRedisConf) == text) {
+    return chmod(kRedisConf, 0600) == 0 && chown(kRedisConf, uid, gid) == 0;
+  }
+  return WriteOwnedFile(kRedisConf, text, 0600, uid, gid);
 }
 
 std::string NewHostId() {

@@ -114,7 +114,9 @@ start_redis() {
     local i
     redis_answers && return 0
     mkdir -p "$run"
-    if ! "$redis_server" "$redis_conf" </dev/null >/dev/null 2>&1 9>&-; then
+    # What Redis writes (its rewritten configuration with the password, its data files) is for
+    # root and the package user only.
+    if ! (umask 077 && exec "$redis_server" "$redis_conf" </dev/null >/dev/null 2>&1 9>&-); then
         log "redis-server refused to start with $redis_conf; see its log file"
         return 1
     fi
