@@ -3,7 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <json/json.h>
 #include <gtest/gtest.h>
+
+#include <sstream>
 
 #include "cluster/KvfileBuffer.h"
 #include "harness/recording_script.h"
@@ -97,6 +100,24 @@ TEST_F(FileBufferTest, OnlyTheSendersBytesLandAndNothingElseIsWrittenThrough) {
   struct stat st;
   ASSERT_EQ(stat(target.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0755u);
+}
+
+// Records may come from writers that type members otherwise: they are read by conversion, so a
+// delete marked 1 is a delete, and only what can't be converted refuses the record.
+TEST(FileKeyValTest, MembersAreReadByConversion) {
+  Json::Value json;
+  std::istringstream(
+      R"({"senderID":"n1","srcFilePath":"/a","dstFilePath":"/a","timestamp":17,)"
+      R"("fileContentKey":"c","taskQueueKey":"t","randNum":2,"pathInfo":{},"isDelete":1})") >> json;
+  KOLT::QUILLON_SERVER::FileKeyVal record;
+  ASSERT_TRUE(record.fromJson(json));
+  EXPECT_EQ(record.timestamp, "17");
+  EXPECT_TRUE(record.isDelete);
+  json["isDelete"] = 0;
+  ASSERT_TRUE(record.fromJson(json));
+  EXPECT_FALSE(record.isDelete);
+  json["timestamp"] = Json::Value(Json::objectValue);
+  EXPECT_FALSE(record.fromJson(json));
 }
 
 }  // namespace

@@ -91,6 +91,21 @@ TEST_F(MailConfTest, AnUnchangedKeyIsNeitherPublishedNorRewritten) {
   EXPECT_EQ(ReadFile("/tmp/unchanged-calls").find("--command set"), std::string::npos);
 }
 
+// What a node can't keep as a file is refused before the store hears of it: an empty key, a key
+// too long for a file name, bytes that would come back changed from the key file.
+TEST_F(MailConfTest, WhatTheNodeCannotStoreIsNeverPublished) {
+  unlink("/tmp/refused-calls");
+  qsvtest::WrappedTool tool("echo \"$*\" >> /tmp/refused-calls");
+  qsvtest::SyslogCapture log;
+  EXPECT_EQ(mailConfSet("", "x", true, 0), -1);
+  EXPECT_EQ(mailConfSet(std::string(300, 'k'), "x", true, 0), -1);
+  EXPECT_EQ(mailConfSet("smtp_banner", "\xc3\"", true, 0), -1);
+  EXPECT_EQ(log.Matching("Refused to set key").size(), 3u);
+  EXPECT_EQ(ReadFile("/tmp/refused-calls"), "");
+  EXPECT_NE(access((std::string(kMailConfDir) + "%").c_str(), F_OK), 0);
+  EXPECT_EQ(mailConfSet(std::string(240, 'k'), "fits", true, 0), 0);
+}
+
 TEST_F(MailConfTest, TheMasterBalancerKeyIsAlwaysWrittenAndAnnounced) {
   const std::string key = "balancer_master_node", full = "mailserver/cluster/" + key;
   // Runs of the tool are noted; with /tmp/refuse present, the store refuses every write.
