@@ -1,4 +1,4 @@
-#include "tables/relay_client.h"
+#include "tables/relay_host.h"
 
 #include <fcntl.h>
 #include <unistd.h>

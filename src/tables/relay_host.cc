@@ -1,4 +1,4 @@
-#include "tables/relay_host.h"
+#include "tables/relay_client.h"
 
 #include <dirent.h>
 #include <fcntl.h>

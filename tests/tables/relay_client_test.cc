@@ -1,6 +1,6 @@
 // The networks and domains this server relays for, in the real settings store, and the two
 // tables Postfix reads, tried with the real postmap; the defaults come from the real postconf.
-#include "tables/relay_client.h"
+#include "tables/relay_host.h"
 
 #include <dirent.h>
 #include <gtest/gtest.h>

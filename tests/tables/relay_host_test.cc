@@ -1,6 +1,6 @@
 // Outgoing relays stored in the real settings store of a one-node cluster, and the transport,
 // sender and password maps Postfix reads, looked up with the real postmap.
-#include "tables/relay_host.h"
+#include "tables/relay_client.h"
 
 #include <gtest/gtest.h>
 #include <json/json.h>

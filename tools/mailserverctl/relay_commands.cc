@@ -8,8 +8,8 @@
 
 #include "eai/punycode.h"
 #include "foundation/cidr.h"
-#include "tables/relay_client.h"
-#include "tables/relay_host.h"
+#include "tables/relay_client.h"  // RelayHost
+#include "tables/relay_host.h"    // RelayClient
 #include "mailserverctl/error.h"
 
 namespace mailserverctl {
