@@ -436,9 +436,10 @@ int RelayHost::exportRelayMap() {
       maillog(3, "%s:%d [Relay Client] get single relay host info failed", QSV_FILE, __LINE__);
       return -1;
     }
-    // No relay set yet: nothing to authenticate to.
-    if (!isEmpty) hosts.push_back(single);
-    // Postfix's main settings carry the single relay; its transport map stays empty.
+    // Postfix's main settings carry the single relay, so its transport map stays empty; the host
+    // still goes through the export, where a mode "single" without a host fails, rather than
+    // leaving Postfix pointed at a relay that isn't there.
+    hosts.push_back(single);
     if (exportRelayHost(transport, RELAY_RECIPIENT_MAP, hosts) != 0) {
       maillog(3, "%s:%d [Relay Client] export empty relay transport maps failed", QSV_FILE,
               __LINE__);

@@ -169,7 +169,7 @@ TEST_F(RelayHostTest, RelayThatIsThisServerIsRefusedInEitherSpelling) {
   EXPECT_TRUE(isEmpty);
 }
 
-TEST_F(RelayHostTest, PortOutOfRangeFailsTheExportAndKeepsTheOldMaps) {
+TEST_F(RelayHostTest, MissingHostOrPortOutOfRangeFailsTheExportAndKeepsTheOldMaps) {
   Json::Value good = List({Host("r0.relay.test", 25, {"domain:partner.test"})});
   ASSERT_EQ(RelayHost().setRelayHost("recipient", good), 0);
   ASSERT_EQ(SetMode("multiple"), 0);
@@ -178,7 +178,13 @@ TEST_F(RelayHostTest, PortOutOfRangeFailsTheExportAndKeepsTheOldMaps) {
 
   Json::Value bad = List({Host("r0.relay.test", 65536, {"domain:other.test"})});
   ASSERT_EQ(RelayHost().setRelayHost("recipient", bad), 0);
+  qsvtest::SyslogCapture log;
   EXPECT_EQ(RelayHost().exportRelayMap(), -1);
+  // Mode "single" with no host set ("{}") has no relay to hand mail to.
+  ASSERT_EQ(SetMode("single"), 0);
+  EXPECT_EQ(RelayHost().exportRelayMap(), -1);
+  EXPECT_EQ(log.Matching("[Relay Client] empty host or incorrect port number").size(), 2u);
+  EXPECT_EQ(log.Matching("[Relay Client] export empty relay transport maps failed").size(), 1u);
   EXPECT_EQ(qsvtest::ReadFile(kTransport), before);
   EXPECT_EQ(Query("partner.test", kTransport), "relay-recipient0:[r0.relay.test]:25");
 }

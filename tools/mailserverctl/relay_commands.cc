@@ -335,6 +335,14 @@ int ClientCommand(const std::vector<std::string> &args) {
 }
 
 int Export() {
+  std::string mode;
+  RelayHostInfo single;
+  bool isEmpty = false;
+  if (RelayHost().getRelayHostType(mode) == 0 && mode == "single" &&
+      RelayHost().getSingleRelayHost(single, isEmpty) == 0 && isEmpty) {
+    return Error("the relay mode is single, but no relay host is set (relay host set SERVER "
+                 "PORT); nothing was written");
+  }
   if (RelayHost().exportRelayMap() != 0) {
     return Error("the relay host maps were not all written (see the system log)");
   }
