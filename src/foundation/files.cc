@@ -1,6 +1,8 @@
 #include "foundation/files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,6 +16,44 @@ namespace {
 
 constexpr size_t kTemplateSuffix = 6;  // "XXXXXX"
 constexpr size_t kCopyBlock = 1024;
+
+// What mkstemp puts in place of the X's.
+bool IsTemplateCharacter(char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+bool IsTemporaryOf(const std::string &name, const std::string &base) {
+  if (name.size() != base.size() + kTemplateSuffix || name.compare(0, base.size(), base) != 0) {
+    return false;
+  }
+  for (size_t i = base.size(); i < name.size(); ++i) {
+    if (!IsTemplateCharacter(name[i])) return false;
+  }
+  return true;
+}
+
+bool SameFile(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Removes `name` from `dir` if it is still the regular file `seen` and nobody holds its lock.
+bool RemoveIfStale(int dir, const char *name, const struct stat &seen) {
+  const int fd = openat(dir, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat opened;
+  struct stat named;
+  bool removed = false;
+  // A live writer keeps its temporary locked until the rename; a killed one's lock died with it.
+  if (fstat(fd, &opened) == 0 && SameFile(opened, seen) && flock(fd, LOCK_EX | LOCK_NB) == 0 &&
+      fstatat(dir, name, &named, AT_SYMLINK_NOFOLLOW) == 0 && SameFile(named, seen)) {
+    removed = unlinkat(dir, name, 0) == 0;
+    if (!removed) {
+      maillog(3, "%s:%d remove stale %s fail, %s", QSV_FILE, __LINE__, name, strerror(errno));
+    }
+  }
+  close(fd);
+  return removed;
+}
 
 }  // namespace
 
@@ -78,4 +118,53 @@ int renameTmpFileAndChmod(const char *tmp, const char *path) {
     return -1;
   }
   return 0;
+}
+
+int mkTemporaryBeside(const std::string &target, std::string &tmp) {
+  tmp = target + "XXXXXX";
+  const int fd = mkostemp(&tmp[0], O_CLOEXEC);
+  if (fd < 0) return -1;
+  // Until this lock is taken a cleaner may see the file as stale; the writer then loses its rename
+  // and says so, and nothing half-written is put in place.
+  if (flock(fd, LOCK_EX) != 0) {
+    const int error = errno;
+    close(fd);
+    unlink(tmp.c_str());
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
+int removeStaleTemporaries(const std::string &target) {
+  const size_t slash = target.rfind('/');
+  if (target.empty() || target[0] != '/' || slash + 1 == target.size()) {
+    maillog(3, "%s:%d Bad Parameter %s", QSV_FILE, __LINE__, target.c_str());
+    return -1;
+  }
+  const std::string dirPath = slash == 0 ? "/" : target.substr(0, slash);
+  const std::string base = target.substr(slash + 1);
+  // Names are looked at and removed relative to the directory opened once, so that a directory
+  // swapped in under the path meanwhile is not the one cleared.
+  const int dirFd = open(dirPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int listFd = dirFd < 0 ? -1 : fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
+  DIR *entries = listFd < 0 ? nullptr : fdopendir(listFd);
+  if (entries == nullptr) {
+    maillog(3, "%s:%d open dir %s fail, %s", QSV_FILE, __LINE__, dirPath.c_str(), strerror(errno));
+    if (listFd >= 0) close(listFd);
+    if (dirFd >= 0) close(dirFd);
+    return -1;
+  }
+  int removed = 0;
+  while (const dirent *entry = readdir(entries)) {
+    if (!IsTemporaryOf(entry->d_name, base)) continue;
+    struct stat st;
+    if (fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode)) {
+      continue;
+    }
+    if (RemoveIfStale(dirFd, entry->d_name, st)) ++removed;
+  }
+  closedir(entries);
+  close(dirFd);
+  return removed;
 }

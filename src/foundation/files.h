@@ -1,5 +1,6 @@
 // Small file helpers: temporary names, existence and age, copying a program's output to a file,
-// and putting a finished temporary file in its place. They keep no state: safe from any thread.
+// putting a finished temporary file in its place, and clearing the temporaries of killed writers.
+// They keep no state: safe from any thread.
 #ifndef MAILSERVER_FOUNDATION_FILES_H_
 #define MAILSERVER_FOUNDATION_FILES_H_
 
@@ -28,5 +29,18 @@ QSV_EXPORT int PopenToFile(FILE *stream, const char *path, const char *mode);
 // Gives `tmp` mode 0644 and renames it to `path`. A failed chmod is only logged: the content
 // matters more than its mode. 0, or -1 when the rename failed.
 QSV_EXPORT int renameTmpFileAndChmod(const char *tmp, const char *path);
+
+// The temporary file of a writer that replaces `target` whole: `target` and six characters from
+// mkstemp, close-on-exec, and locked with flock for as long as this descriptor (or a dup of it)
+// stays open, so that removeStaleTemporaries can tell it from one whose writer was killed. `tmp`
+// gets the name. The descriptor, or -1 with errno set. REQUIRES: `target` is an absolute path.
+int mkTemporaryBeside(const std::string &target, std::string &tmp);
+
+// Removes what killed writers of `target` left behind: the regular files directly in its directory
+// whose names are its own name and exactly six mkstemp characters, unless a live writer holds one
+// locked. Links, directories, other names and the temporaries of other targets stay. A writer
+// calls it once its own temporary is in place. The number removed, or -1 when `target` is not
+// absolute or its directory can't be read.
+int removeStaleTemporaries(const std::string &target);
 
 #endif  // MAILSERVER_FOUNDATION_FILES_H_

@@ -1,6 +1,5 @@
 #include "tables/attachment_filter.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -91,7 +90,6 @@ bool WriteRule(const std::string &rule, const char *tmp, int fd) {
     maillog(3, "%s:%d write %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
     ok = false;
   }
-  close(fd);
   return ok;
 }
 
@@ -145,14 +143,15 @@ int AttachmentFilter::GenerateConfig() {
   const std::string rule = "/name\\s*=\\s*\"?(.*(\\.|=2E))(" + StringJoin(types, "|") +
                            ")(\\?=)?\"?\\s*(;|$)/ REJECT Attachment type not allowed\n";
 
-  std::string tmp = std::string(kRulePath) + "XXXXXX";
-  const int fd = mkostemp(&tmp[0], O_CLOEXEC);
+  std::string tmp;
+  const int fd = mkTemporaryBeside(kRulePath, tmp);
   if (fd < 0) {
     maillog(3, "%s:%d mkstemp %s fail, %s", QSV_FILE, __LINE__, tmp.c_str(), strerror(errno));
     return -1;
   }
   if (!WriteRule(rule, tmp.c_str(), fd)) {
     unlink(tmp.c_str());
+    close(fd);
     return -1;
   }
   int rc;
@@ -160,7 +159,11 @@ int AttachmentFilter::GenerateConfig() {
   ENTERCriticalSection;
   rc = renameTmpFileAndChmod(tmp.c_str(), kRulePath);
   renameErrno = errno;
+  // What writers killed before their rename left behind goes with this one's success.
+  if (rc == 0) removeStaleTemporaries(kRulePath);
   LEAVECriticalSection;
+  // The lock of the temporary is held until it is in place.
+  close(fd);
   if (rc != 0) {
     syslog(LOG_DEBUG, "%s:%d rename fail, %s", QSV_FILE, __LINE__, strerror(renameErrno));
   }

@@ -1,6 +1,5 @@
 #include "tables/relay_host.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,11 +33,9 @@ const char *ListKey(const std::string &listType) {
   return nullptr;
 }
 
-// A temporary file beside `target`, to be renamed over it.
+// A temporary file beside `target`, to be renamed over it; locked while the object lives.
 struct TmpFile {
-  explicit TmpFile(const char *target) : path(std::string(target) + "XXXXXX") {
-    fd = mkostemp(&path[0], O_CLOEXEC);
-  }
+  explicit TmpFile(const char *target) { fd = mkTemporaryBeside(target, path); }
   ~TmpFile() {
     if (fd >= 0) close(fd);
     unlink(path.c_str());
@@ -242,6 +239,11 @@ int RelayClient::exportRelayMap() {
   ENTERCriticalSection;
   rc = renameTmpFileAndChmod(networks.path.c_str(), kNetworkPath);
   if (rc == 0) rc = renameTmpFileAndChmod(domains.path.c_str(), kDomainPath);
+  // What writers killed before their rename left behind goes with this one's success.
+  if (rc == 0) {
+    removeStaleTemporaries(kNetworkPath);
+    removeStaleTemporaries(kDomainPath);
+  }
   LEAVECriticalSection;
   if (rc != 0) return 1;
   // The new domains are in place whatever postmap says; a failure shows in its own log.

@@ -1,7 +1,6 @@
 #include "tables/relay_client.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -352,8 +351,8 @@ int RelayHost::exportFile(const std::string &path, RelayClientFileType fileType,
 
 int RelayHost::exportRelayHost(std::string path, RelayClientFileType fileType,
                                std::list<RelayHostInfo> hosts) {
-  std::string tmp = path + "XXXXXX";
-  const int fd = mkostemp(&tmp[0], O_CLOEXEC);
+  std::string tmp;
+  const int fd = mkTemporaryBeside(path, tmp);
   if (fd < 0) {
     maillog(3, "%s:%d [Relay Client] mkstemp %s failed", QSV_FILE, __LINE__, tmp.c_str());
     unlink(tmp.c_str());
@@ -371,6 +370,8 @@ int RelayHost::exportRelayHost(std::string path, RelayClientFileType fileType,
     rc = secret ? rename(tmp.c_str(), path.c_str())
                 : renameTmpFileAndChmod(tmp.c_str(), path.c_str());
     error = errno;
+    // What writers killed before their rename left behind goes with this one's success.
+    if (rc == 0) removeStaleTemporaries(path);
     LEAVECriticalSection;
     if (rc != 0 && secret) {
       maillog(3, "%s:%d rename %s fail, %s", QSV_FILE, __LINE__, tmp.c_str(), strerror(error));

@@ -68,11 +68,13 @@ std::string SenderColumn(sqlite3_stmt *row) {
 }
 
 // The map is written beside its place and moved there whole, so Postfix never reads half of it.
+// The stream gets a descriptor of its own: `fd` stays open, and its lock held, until the rename.
 bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
-  FILE *out = fdopen(fd, "w");
+  const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  FILE *out = own < 0 ? nullptr : fdopen(own, "w");
   if (out == nullptr) {
     maillog(3, "%s:%d fdopen %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
-    close(fd);
+    if (own >= 0) close(own);
     return false;
   }
   sqlite3_stmt *rows = nullptr;
@@ -199,22 +201,26 @@ int SenderQuota::GenerateConfig() {
   DBHandler db(kMailServerDBPath, kMailServerDBSchema);
   if (!Open(db)) return -1;
 
-  char tmp[] = "/var/packages/Quillon-Server/target/etc/sender_quota_mapXXXXXX";
-  const int fd = mkostemp(tmp, O_CLOEXEC);
+  std::string tmp;
+  const int fd = mkTemporaryBeside(kMapPath, tmp);
   if (fd < 0) {
-    maillog(3, "%s:%d mkstemp %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
+    maillog(3, "%s:%d mkstemp %s fail, %s", QSV_FILE, __LINE__, tmp.c_str(), strerror(errno));
     return -1;
   }
-  if (!WriteMap(db, postfix, tmp, fd)) {
-    unlink(tmp);
+  if (!WriteMap(db, postfix, tmp.c_str(), fd)) {
+    unlink(tmp.c_str());
+    close(fd);
     return -1;
   }
   int rc;
   ENTERCriticalSection;
-  rc = renameTmpFileAndChmod(tmp, kMapPath);
+  rc = renameTmpFileAndChmod(tmp.c_str(), kMapPath);
+  // What writers killed before their rename left behind goes with this one's success.
+  if (rc == 0) removeStaleTemporaries(kMapPath);
   LEAVECriticalSection;
+  close(fd);
   if (rc != 0) {
-    unlink(tmp);
+    unlink(tmp.c_str());
     return -1;
   }
   rc = KLIBCExec(kPostmap, kMapPath, nullptr, nullptr, KLIBC_EXEC_QUIET_WAIT);

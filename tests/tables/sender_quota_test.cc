@@ -1,22 +1,29 @@
 // Sender quotas in the real main database, spread through a one-node cluster, and the map that
-// Postfix reads, looked up with the real postmap.
+// Postfix reads, looked up with the real postmap; and what killed writers of the maps leave.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "config/mail_conf.h"
-#include "harness/recording_script.h"
 #include "harness/syslog_capture.h"
+#include "tables/attachment_filter.h"
 #include "tables/mailserver_db_schema.h"
+#include "tables/relay_client.h"
+#include "tables/relay_host.h"
 #include "tables/sender_quota.h"
 #include "tables/tables_fixture.h"
 
 namespace {
 
-const char kMap[] = "/var/packages/Quillon-Server/target/etc/sender_quota_map";
+const std::string kEtc = "/var/packages/Quillon-Server/target/etc/";
+const std::string kMap = kEtc + "sender_quota_map";
 
 class SenderQuotaTest : public qsvtest::TablesTest {
  protected:
@@ -92,6 +99,40 @@ TEST_F(SenderQuotaTest, FailedSpreadKeepsTheChangeHereAndSaysSo) {
             1u);
   int total = 0;
   EXPECT_EQ(Page(0, -1, "", total), "kept@example.test=3 ");
+}
+
+// What writers killed between their mkstemp and their rename left behind goes with the next
+// successful write of the same map; what is not plainly such a leftover stays.
+TEST_F(SenderQuotaTest, NextWriteOfAMapRemovesWhatItsKilledWritersLeft) {
+  const std::vector<std::string> stale = {"sender_quota_mapAbC123", "attachment_filter.pcreZz9Yx8",
+                                          "relay_transportQ1w2E3", "trust_networkR4t5Y6",
+                                          "relay_domainsU7i8O9"};
+  const std::vector<std::string> kept = {
+      "sender_quota_mapAbC12", "sender_quota_mapAbC1234", "sender_quota_map_b-c12",
+      "sender_relayAbCdEf",  // a map not written in mode "none"
+      "sender_quota_mapLiVe00", "sender_quota_mapDiRrrr", "sender_quota_mapLiNkkk"};
+  for (const std::string &name : stale) qsvtest::WriteFile(kEtc + name, "half a map");
+  for (size_t i = 0; i < 5; ++i) qsvtest::WriteFile(kEtc + kept[i], "not a leftover");
+  ASSERT_EQ(mkdir((kEtc + kept[5]).c_str(), 0755), 0);
+  qsvtest::WriteFile("/tmp/link-target", "x");
+  ASSERT_EQ(symlink("/tmp/link-target", (kEtc + kept[6]).c_str()), 0);
+  // A writer still at work holds its temporary locked.
+  const int live = open((kEtc + kept[4]).c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(flock(live, LOCK_EX), 0);
+
+  ASSERT_EQ(mailConfSet("smtp_relay_client_host_type", "{\"host_type\":\"none\"}", true, 0), 0);
+  ASSERT_EQ(mailConfSet("smtp_relay_host_network", "[]", true, 0), 0);
+  ASSERT_EQ(mailConfSet("smtp_relay_host_domain", "[]", true, 0), 0);
+  EXPECT_EQ(SenderQuota::GenerateConfig(), 0);
+  EXPECT_EQ(AttachmentFilter::GenerateConfig(), 0);
+  EXPECT_EQ(RelayHost().exportRelayMap(), 0);
+  EXPECT_EQ(RelayClient().exportRelayMap(), 0);
+  close(live);
+  for (const std::string &name : stale) EXPECT_NE(access((kEtc + name).c_str(), F_OK), 0) << name;
+  struct stat st;
+  for (const std::string &name : kept) EXPECT_EQ(lstat((kEtc + name).c_str(), &st), 0) << name;
+  EXPECT_EQ(qsvtest::ReadFile("/tmp/link-target"), "x");
+  for (const std::string &name : kept) remove((kEtc + name).c_str());
 }
 
 }  // namespace
