@@ -49,13 +49,26 @@ int ChangeAndSpread(Change change) {
   return 0;
 }
 
-std::string QuotaStatement(const std::string &sender, unsigned int quota) {
-  char statement[kStatementSize];
-  sqlite3_snprintf(sizeof(statement), statement,
-                   "insert or replace into sender_quota_table (sender, quota) values ('%q', '%d');",
-                   sender.c_str(), static_cast<int>(quota));
-  return statement;
+// `format` with `sender` (and `quota`) as it would stand in the statement buffer, or false when
+// it doesn't fit there: a cut statement must not reach the database, where it would fail for a
+// reason nobody could see, or do something else than asked.
+bool Statement(std::string &out, const char *format, const std::string &sender,
+               unsigned int quota = 0) {
+  char *text = sqlite3_mprintf(format, sender.c_str(), static_cast<int>(quota));
+  const bool fits = text != nullptr && strlen(text) < kStatementSize;
+  if (fits) {
+    out = text;
+  } else {
+    maillog(3, "%s:%d invalid input: a sender of %zu bytes is too long", QSV_FILE, __LINE__,
+            sender.size());
+  }
+  sqlite3_free(text);
+  return fits;
 }
+
+constexpr char kSetFormat[] =
+    "insert or replace into sender_quota_table (sender, quota) values ('%q', '%d');";
+constexpr char kDeleteFormat[] = "delete from sender_quota_table where sender='%q';";
 
 // Reads a quota back as it went in: a value above INT_MAX was written as its negative twin.
 unsigned int QuotaColumn(sqlite3_stmt *row) {
@@ -109,7 +122,8 @@ int SenderQuota::Set(const std::string &sender, unsigned int quota) {
     maillog(3, "%s:%d invalid input", QSV_FILE, __LINE__);
     return -1;
   }
-  const std::string statement = QuotaStatement(sender, quota);
+  std::string statement;
+  if (!Statement(statement, kSetFormat, sender, quota)) return -1;
   return ChangeAndSpread([&statement](DBHandler &db) { return db.ExecCmd(statement); });
 }
 
@@ -121,7 +135,8 @@ int SenderQuota::SetList(const std::list<Setting> &settings) {
       maillog(3, "%s:%d invalid input", QSV_FILE, __LINE__);
       return -1;
     }
-    statements.push_back(QuotaStatement(setting.sender, setting.quota));
+    statements.emplace_back();
+    if (!Statement(statements.back(), kSetFormat, setting.sender, setting.quota)) return -1;
   }
   return ChangeAndSpread([&statements](DBHandler &db) { return db.ExecCmdList(statements, true); });
 }
@@ -129,10 +144,8 @@ int SenderQuota::SetList(const std::list<Setting> &settings) {
 int SenderQuota::DeleteList(const std::list<std::string> &senders) {
   std::list<std::string> statements;
   for (const std::string &sender : senders) {
-    char statement[kStatementSize];
-    sqlite3_snprintf(sizeof(statement), statement,
-                     "delete from sender_quota_table where sender='%q';", sender.c_str());
-    statements.push_back(statement);
+    statements.emplace_back();
+    if (!Statement(statements.back(), kDeleteFormat, sender)) return -1;
   }
   return ChangeAndSpread([&statements](DBHandler &db) { return db.ExecCmdList(statements, true); });
 }

@@ -21,7 +21,8 @@ class QSV_EXPORT SenderQuota {
   };
 
   // Sets the quota of one sender, at most 99999. 0, or -1 (also when the change stays on this node
-  // because the spread failed).
+  // because the spread failed). A sender whose statement would not fit its buffer of 2048 bytes
+  // (about 1950 bytes of name, fewer with quotes) fails all three calls before anything is written.
   static int Set(const std::string &sender, unsigned int quota);
   // Sets several at once, all or none, with no upper bound. 0, or -1 as Set.
   static int SetList(const std::list<Setting> &settings);

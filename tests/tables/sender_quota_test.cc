@@ -1,6 +1,7 @@
 // Sender quotas in the real main database, spread through a one-node cluster, and the map that
 // Postfix reads, looked up with the real postmap; and what killed writers of the maps leave.
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,34 +40,43 @@ class SenderQuotaTest : public qsvtest::TablesTest {
   }
 };
 
-TEST_F(SenderQuotaTest, OnlyASingleSetIsBoundTo99999) {
+TEST_F(SenderQuotaTest, SetIsBoundAndPagesRunBackwardsWithTheTotalOfAll) {
   EXPECT_EQ(SenderQuota::Set("max@example.test", 99999), 0);
   EXPECT_EQ(SenderQuota::Set("over@example.test", 100000), -1);
   EXPECT_EQ(SenderQuota::Set("", 5), -1);
-  EXPECT_EQ(SenderQuota::SetList({{"bulk@example.test", 100000}}), 0);
+  ASSERT_EQ(SenderQuota::SetList({{"amy", 100000}, {"bob", 2}, {"o'hara", 3}, {"dan", 4}}), 0);
+  ASSERT_EQ(SenderQuota::Set("max@example.test", 10), 0);  // replaces the first value
   int total = 0;
-  EXPECT_EQ(Page(0, -1, "", total), "max@example.test=99999 bulk@example.test=100000 ");
-  EXPECT_EQ(total, 2);
-
-  // A second value replaces the first.
-  EXPECT_EQ(SenderQuota::Set("max@example.test", 10), 0);
-  EXPECT_EQ(Page(0, -1, "max", total), "max@example.test=10 ");
-}
-
-TEST_F(SenderQuotaTest, PagesRunBackwardsAndTheTotalIgnoresTheSearch) {
-  ASSERT_EQ(SenderQuota::SetList({{"amy", 1}, {"bob", 2}, {"o'hara", 3}, {"dan", 4}, {"eve", 5}}),
-            0);
-  int total = 0;
-  EXPECT_EQ(Page(1, 2, "", total), "eve=5 dan=4 ");
+  EXPECT_EQ(Page(1, 2, "", total), "max@example.test=10 dan=4 ");
   EXPECT_EQ(total, 5);
   EXPECT_EQ(Page(0, -1, "'h", total), "o'hara=3 ");
   EXPECT_EQ(total, 5);
   EXPECT_EQ(Page(0, 1, "b", total), "bob=2 ");
-  EXPECT_EQ(total, 5);
-
-  ASSERT_EQ(SenderQuota::DeleteList({"o'hara", "amy"}), 0);
-  EXPECT_EQ(Page(0, -1, "", total), "eve=5 dan=4 bob=2 ");
+  ASSERT_EQ(SenderQuota::DeleteList({"o'hara", "max@example.test"}), 0);
+  EXPECT_EQ(Page(0, -1, "", total), "dan=4 bob=2 amy=100000 ");
   EXPECT_EQ(total, 3);
+}
+
+TEST_F(SenderQuotaTest, SenderTooLongForItsStatementChangesNothing) {
+  // Cut at the end of its buffer, the deletion of this sender would end in the middle of its
+  // doubled quote and delete the sender without the quote.
+  const std::string victim(2001, 'v');
+  ASSERT_EQ(SenderQuota::Set("kept", 1), 0);
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(kMailServerDBPath, &db), SQLITE_OK);
+  char *insert = sqlite3_mprintf("insert into sender_quota_table values ('%q', 7);",
+                                 victim.c_str());
+  ASSERT_EQ(sqlite3_exec(db, insert, nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_free(insert);
+  sqlite3_close(db);
+
+  qsvtest::SyslogCapture log;
+  EXPECT_EQ(SenderQuota::DeleteList({"kept", victim + "'"}), -1);
+  EXPECT_EQ(SenderQuota::Set(victim, 8), -1);
+  EXPECT_EQ(SenderQuota::SetList({{"other", 1}, {victim, 8}}), -1);
+  EXPECT_EQ(log.Matching("invalid input: a sender of 2002 bytes is too long").size(), 1u);
+  int total = 0;
+  EXPECT_EQ(Page(0, -1, "", total), victim + "=7 kept=1 ");
 }
 
 TEST_F(SenderQuotaTest, MapIsKeyedByTheFullUserName) {
