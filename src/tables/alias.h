@@ -99,7 +99,10 @@ class QSV_EXPORT Alias {
   // name, for Postfix resolves them itself.
   int ExportAlias(const std::string &path, const int &domain);
   // REQUIRES: load. Adds the entries of such a map to `domain`, except the reserved names.
+  // -1, with nothing added, for a path that is not a regular file or a line longer than
+  // kMaxImportLine bytes.
   int ImportAlias(const std::string &path, const int &domain);
+  static constexpr size_t kMaxImportLine = 64 * 1024;
 
  private:
   int _open();

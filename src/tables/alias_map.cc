@@ -1,8 +1,13 @@
 // The Postfix alias map of one domain: written from the table, and read back into it.
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 
 #include "config/accounts.h"
@@ -19,6 +24,36 @@ bool IsReservedName(const std::string &name) {
     if (strcasecmp(name.c_str(), reserved) == 0) return true;
   }
   return false;
+}
+
+// Opens `path` for reading if it is a regular file: a FIFO would block the import, a device could
+// feed it without end, and a directory reads as nothing, which looks like success.
+FILE *OpenRegularFile(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    maillog(3, "%s:%d %s is not a regular file", QSV_FILE, __LINE__, path.c_str());
+    close(fd);
+    return nullptr;
+  }
+  FILE *in = fdopen(fd, "r");
+  if (in == nullptr) close(fd);
+  return in;
+}
+
+// Reads the next line, with its newline, into `line`. 1 for a line, 0 at the end of the file, -1
+// for a line longer than `limit` bytes: no map line is that long, and an unbounded one would take
+// all memory.
+int ReadLine(FILE *in, std::string &line, size_t limit) {
+  line.clear();
+  int c;
+  while ((c = getc_unlocked(in)) != EOF) {
+    if (line.size() == limit) return -1;
+    line.push_back(static_cast<char>(c));
+    if (c == '\n') return 1;
+  }
+  return line.empty() ? 0 : 1;
 }
 
 std::string RemoveBlanks(const char *line) {
@@ -78,13 +113,14 @@ int Alias::ExportAlias(const std::string &path, const int &domain) {
 }
 
 int Alias::ImportAlias(const std::string &path, const int &domain) {
-  FILE *in = fopen(path.c_str(), "re");
+  FILE *in = OpenRegularFile(path);
   if (in == nullptr) return -1;
 
   std::map<std::string, std::list<MemberInfo>> entries;
-  char *line = nullptr;
-  size_t capacity = 0;
-  while (getdelim(&line, &capacity, '\n', in) != -1) {
+  std::string buffer;
+  int got;
+  while ((got = ReadLine(in, buffer, kMaxImportLine)) > 0) {
+    char *line = &buffer[0];
     if (KLIBCStrTrimSpace(line, 0) < 0) {
       maillog(7, "%s:%d trim space fail: %s", QSV_FILE, __LINE__, line);
       continue;
@@ -102,7 +138,17 @@ int Alias::ImportAlias(const std::string &path, const int &domain) {
     }
     entries[name] = members;
   }
-  free(line);
+  if (got < 0) {
+    maillog(3, "%s:%d import %s fail: a line is longer than %zu bytes", QSV_FILE, __LINE__,
+            path.c_str(), kMaxImportLine);
+    fclose(in);
+    return -1;
+  }
+  if (ferror(in)) {
+    maillog(3, "%s:%d import %s fail: %s", QSV_FILE, __LINE__, path.c_str(), strerror(errno));
+    fclose(in);
+    return -1;
+  }
 
   for (auto &entry : entries) {
     for (MemberInfo &member : entry.second) {

@@ -16,6 +16,7 @@
 #include "config/accounts.h"
 #include "config/mail_conf.h"
 #include "harness/recording_script.h"
+#include "harness/syslog_capture.h"
 #include "kolt/exec.h"
 #include "tables/alias.h"
 #include "tables/tables_fixture.h"
@@ -124,6 +125,19 @@ TEST_F(AliasTest, ImportSkipsReservedNamesAndRoundTripsAnExport) {
   }
   EXPECT_EQ(Rows(1), "a:b:2 a:far@out.test:3 b:alice:0 b:bob:0 c:carol:0 ");
   EXPECT_EQ(Rows(0), "root:admin:0 ");
+
+  // What is no alias map adds nothing: a directory, a device, a line longer than any map's.
+  qsvtest::WriteFile(kMap, "x: alice\nbig: " + std::string(70000, 'b') + "\n");
+  {
+    qsvtest::SyslogCapture log;
+    Alias table(kDb);
+    ASSERT_EQ(table.load(), 0);
+    for (const char *path : {"/tmp", "/dev/null", kMap}) {
+      EXPECT_EQ(table.ImportAlias(path, 1), -1) << path;
+    }
+    EXPECT_EQ(log.Matching("a line is longer than 65536 bytes").size(), 1u);
+  }
+  EXPECT_EQ(Rows(1), "a:b:2 a:far@out.test:3 b:alice:0 b:bob:0 c:carol:0 ");
 
   std::string first;
   {
