@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include "harness/recording_script.h"
 #include "tables/attachment_filter.h"
 #include "tables/tables_fixture.h"
 
@@ -72,12 +71,6 @@ TEST_F(AttachmentFilterTest, DotInATypeIsARealDot) {
   ASSERT_EQ(AttachmentFilter::GenerateConfig(), 0);
   EXPECT_EQ(Lookup("name=\"backup.tar.gz\""), kRejected);
   EXPECT_EQ(Lookup("name=\"backup.tarxgz\""), "");
-}
-
-TEST_F(AttachmentFilterTest, FailedSpreadKeepsTheChangeHere) {
-  qsvtest::FailingStoreTool broken;
-  EXPECT_EQ(AttachmentFilter::Add({"scr"}), -1);
-  EXPECT_EQ(Types("scr"), (std::list<std::string>{"scr"}));
 }
 
 }  // namespace

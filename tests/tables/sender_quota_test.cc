@@ -99,18 +99,6 @@ TEST_F(SenderQuotaTest, MapIsKeyedByTheFullUserName) {
   EXPECT_NE(qsvtest::ReadFile(kMap).find("\nQuillon-Server 12\n"), std::string::npos);
 }
 
-TEST_F(SenderQuotaTest, FailedSpreadKeepsTheChangeHereAndSaysSo) {
-  qsvtest::SyslogCapture log;
-  {
-    qsvtest::FailingStoreTool broken;
-    EXPECT_EQ(SenderQuota::Set("kept@example.test", 3), -1);
-  }
-  EXPECT_EQ(log.Matching("Fail to set file /var/packages/Quillon-Server/etc/mailserver.db").size(),
-            1u);
-  int total = 0;
-  EXPECT_EQ(Page(0, -1, "", total), "kept@example.test=3 ");
-}
-
 // What writers killed between their mkstemp and their rename left behind goes with the next
 // successful write of the same map; what is not plainly such a leftover stays.
 TEST_F(SenderQuotaTest, NextWriteOfAMapRemovesWhatItsKilledWritersLeft) {

@@ -1,10 +1,14 @@
 #include "mailserverctl/alias_commands.h"
 
+#include <fcntl.h>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <list>
 #include <sstream>
 
@@ -23,11 +27,8 @@ const char kAliasDB[] = "/var/packages/Quillon-Server/etc/alias.db";
 // domain when it keeps no such map.
 bool DomainNumber(const std::string &name, int &id) {
   Postfix postfix;
-  try {
-    if (postfix.LoadSettings() < 0) return false;
-  } catch (const std::exception &) {
-    return false;
-  }
+  // A damaged store throws: that is no answer to whether the domain is served.
+  if (postfix.LoadSettings() < 0) return false;
   if (postfix.GetDomainId(name, id)) return true;
   const auto &canonical = postfix.GetCanonicalDomain();
   if (postfix.GetMultiDomainMap().empty() && !canonical.empty() && canonical.front() == name) {
@@ -124,19 +125,51 @@ int Saved(Alias &table) {
   return 0;
 }
 
+// Why `path` can't be the file of `alias export` or `alias import`, or "". Only an absolute path
+// says which file it is; what lies there must be a regular file, not a link (the export writes
+// through it as root), a device or a FIFO (the import would read it without end, or wait).
+std::string MapPathRefusal(const std::string &path, bool mustExist) {
+  if (path.empty() || path[0] != '/') return Quoted(path) + " is no absolute path";
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) {
+    return mustExist || errno != ENOENT ? "cannot read " + Quoted(path) + ": " + strerror(errno)
+                                        : "";
+  }
+  return S_ISREG(st.st_mode) ? "" : Quoted(path) + " is no regular file";
+}
+
+// Reads the next line of `in` into `line`, without its newline. 1 for a line, 0 at the end, -1
+// for a line longer than the import takes.
+int NextLine(FILE *in, std::string &line) {
+  line.clear();
+  int c;
+  while ((c = getc_unlocked(in)) != EOF && c != '\n') {
+    if (line.size() == Alias::kMaxImportLine) return -1;
+    line.push_back(static_cast<char>(c));
+  }
+  return c == EOF && line.empty() ? 0 : 1;
+}
+
 // Whether `path` reads as an alias map line by line; `why` names the first line that doesn't.
 bool CheckMapFile(const std::string &path, std::string &why) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    why = "cannot read " + path;
+  why = MapPathRefusal(path, true);
+  if (!why.empty()) return false;
+  // Looked at again once open, in case something else was put at the path meanwhile.
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW);
+  struct stat st;
+  FILE *in = fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? fdopen(fd, "r") : nullptr;
+  if (in == nullptr) {
+    why = "cannot read " + Quoted(path) + " as a regular file";
+    if (fd >= 0) close(fd);
     return false;
   }
   std::string line;
-  for (int number = 1; std::getline(in, line); ++number) {
+  int got;
+  for (int number = 1; (got = NextLine(in, line)) > 0; ++number) {
     const std::string where = path + ":" + std::to_string(number) + ": ";
     if (line.find('\0') != std::string::npos || !checkValidUtf8(line)) {
       why = where + "not UTF-8 text";
-      return false;
+      break;
     }
     std::string text;
     for (char c : line) {
@@ -146,23 +179,27 @@ bool CheckMapFile(const std::string &path, std::string &why) {
     const size_t colon = text.find(':');
     if (colon == std::string::npos) {
       why = where + "no \"name: members\" line";
-      return false;
+      break;
     }
     const std::string name = text.substr(0, colon);
     const std::string members = text.substr(colon + 1);
     if (!PlainName(name) || members.find_first_not_of(',') == std::string::npos) {
       why = where + "an entry needs a name and at least one member";
-      return false;
+      break;
     }
     std::stringstream pieces(members);
-    for (std::string piece; std::getline(pieces, piece, ',');) {
+    for (std::string piece; why.empty() && std::getline(pieces, piece, ',');) {
       if (!piece.empty() && !PlainName(piece)) {
-        why = where + "\"" + piece + "\" is no valid member name";
-        return false;
+        why = where + Quoted(piece) + " is no valid member name";
       }
     }
+    if (!why.empty()) break;
   }
-  return true;
+  if (got < 0) {
+    why = path + ": a line is longer than " + std::to_string(Alias::kMaxImportLine) + " bytes";
+  }
+  fclose(in);
+  return why.empty();
 }
 
 }  // namespace
@@ -183,13 +220,18 @@ int AliasCommand(const std::vector<std::string> &args) {
   const std::vector<std::string> rest(args.begin() + 3, args.end());
 
   if (word == "export" && rest.empty()) {
-    if (table.ExportAlias(target, domain) != 0) return Error("cannot write " + target);
+    const std::string why = MapPathRefusal(target, false);
+    if (!why.empty()) return Error("refused " + why + "; nothing was written");
+    if (table.ExportAlias(target, domain) != 0) return Error("cannot write " + Quoted(target));
     return 0;
   }
   if (word == "import" && rest.empty()) {
     std::string why;
     if (!CheckMapFile(target, why)) return Error(why + "; nothing was imported");
-    if (table.ImportAlias(target, domain) != 0) return Error("cannot read " + target);
+    if (table.ImportAlias(target, domain) != 0) {
+      return Error("cannot import " + Quoted(target) + " (see the system log); nothing was "
+                   "imported");
+    }
     return Saved(table);
   }
 

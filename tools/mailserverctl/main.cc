@@ -27,16 +27,14 @@
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
-#include <cstring>
-#include <map>
+#include <exception>
 #include <string>
 #include <vector>
 
 #include "cluster/mailserver_cluster.h"
-#include "config/mail_conf.h"
-#include "core/mail_conf.h"
 #include "kolt/exec.h"
 #include "mailserverctl/alias_commands.h"
+#include "mailserverctl/conf_commands.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/relay_commands.h"
@@ -91,30 +89,6 @@ int Usage() {
   return 2;
 }
 
-int ConfGet(const std::string &key) {
-  std::string value;
-  if (mailConfGet(key, value) < 0) return Error("cannot read " + key + ": its file is damaged");
-  printf("%s\n", value.c_str());
-  return 0;
-}
-
-int ConfSet(const std::vector<std::string> &args) {
-  if (args.size() == 2) {
-    if (mailConfSet(args[0], args[1], true, 0) != 0) {
-      return Error("refused to write " + args[0] +
-                   ": the cluster is not healthy or the backend refused it (see the system log)");
-    }
-    return 0;
-  }
-  std::map<std::string, std::string> pairs;
-  for (size_t i = 0; i + 1 < args.size(); i += 2) pairs[args[i]] = args[i + 1];
-  if (mailConfSet(pairs) != 0) {
-    return Error("some keys were not written: the cluster is not healthy or the backend refused "
-                 "them (see the system log)");
-  }
-  return 0;
-}
-
 const char *YesNo(bool b) { return b ? "yes" : "no"; }
 
 int ClusterStatus() {
@@ -149,10 +123,7 @@ int Backend(const std::string &word) {
   return 0;
 }
 
-}  // namespace
-
-int main(int argc, char **argv) {
-  std::vector<std::string> args(argv + 1, argv + argc);
+int Run(const std::vector<std::string> &args) {
   if (args.empty()) return Usage();
   const std::string &command = args[0];
   if (command == "setup") {
@@ -164,9 +135,11 @@ int main(int argc, char **argv) {
     }
     return mailserverctl::SetUpOneNode(address) ? 0 : 1;
   }
-  if (command == "conf" && args.size() == 3 && args[1] == "get") return ConfGet(args[2]);
+  if (command == "conf" && args.size() == 3 && args[1] == "get") {
+    return mailserverctl::ConfGet(args[2]);
+  }
   if (command == "conf" && args.size() >= 4 && args[1] == "set" && args.size() % 2 == 0) {
-    return ConfSet(std::vector<std::string>(args.begin() + 2, args.end()));
+    return mailserverctl::ConfSet(std::vector<std::string>(args.begin() + 2, args.end()));
   }
   if (command == "cluster" && args.size() == 2 && args[1] == "status") return ClusterStatus();
   if (command == "backend" && args.size() == 2) return Backend(args[1]);
@@ -208,4 +181,23 @@ int main(int argc, char **argv) {
     }
   }
   return Usage();
+}
+
+// The typed settings throw when a stored value can't be read as its type says. Every command reads
+// them before it writes, so it ends here with nothing changed.
+int Unreadable(const std::exception &e) {
+  const std::string damaged = mailserverctl::DamagedSetting();
+  if (damaged.empty()) return Error(std::string("the stored settings cannot be read: ") + e.what());
+  return Error("the stored settings cannot be read: " + damaged +
+               "; set it right with `mailserverctl conf set`");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  try {
+    return Run(std::vector<std::string>(argv + 1, argv + argc));
+  } catch (const std::exception &e) {
+    return Unreadable(e);
+  }
 }

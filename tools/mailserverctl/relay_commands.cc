@@ -6,11 +6,11 @@
 #include <iostream>
 #include <list>
 
-#include "eai/punycode.h"
 #include "foundation/cidr.h"
 #include "tables/relay_client.h"  // RelayHost
 #include "tables/relay_host.h"    // RelayClient
 #include "mailserverctl/error.h"
+#include "mailserverctl/names.h"
 
 namespace mailserverctl {
 namespace {
@@ -36,22 +36,10 @@ int Unchanged(const std::string &what, const std::string &why) {
   return Error("refused " + what + ": " + why + "; nothing was changed");
 }
 
-// A domain as a map key and a host name: it must have an ASCII form of letters, digits, dots
-// and hyphens, without empty labels.
-bool ValidDomain(const std::string &name) {
-  std::string ascii;
-  if (name.empty() || KOLT::QUILLON_SERVER::ConvertToPunycode(name, ascii) != 0) return false;
-  if (ascii.empty() || ascii.front() == '.' || ascii.back() == '.' ||
-      ascii.find("..") != std::string::npos) {
-    return false;
-  }
-  return ascii.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789.-") == std::string::npos;
-}
-
 bool ValidServer(const std::string &server) {
   unsigned char address[16];
   return inet_pton(AF_INET, server.c_str(), address) == 1 ||
-         inet_pton(AF_INET6, server.c_str(), address) == 1 || ValidDomain(server);
+         inet_pton(AF_INET6, server.c_str(), address) == 1 || ValidDomainName(server);
 }
 
 bool ValidAddress(const std::string &address) {
@@ -60,16 +48,7 @@ bool ValidAddress(const std::string &address) {
   for (size_t i = 0; i < at; ++i) {
     if (static_cast<unsigned char>(address[i]) <= ' ' || address[i] == '#') return false;
   }
-  return ValidDomain(address.substr(at + 1));
-}
-
-bool ParsePort(const std::string &text, int &port) {
-  if (text.empty() || text.size() > 5 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  port = std::stoi(text);
-  return port >= 1 && port <= 65535;
+  return ValidDomainName(address.substr(at + 1));
 }
 
 Json::Value HostJson(const RelayHostInfo &host) {
@@ -184,7 +163,7 @@ int HostAdd(const std::vector<std::string> &args) {
   if (rules.empty()) return Unchanged("relay host " + host.server, "it needs at least one rule");
   for (const std::string &rule : rules) {
     const bool address = rule.find('@') != std::string::npos;
-    if (address ? !ValidAddress(rule) : !ValidDomain(rule)) {
+    if (address ? !ValidAddress(rule) : !ValidDomainName(rule)) {
       return Unchanged("rule \"" + rule + "\"", "a rule is a domain or an address");
     }
     host.rules.push_back({address ? "address" : "domain", rule});
@@ -315,7 +294,7 @@ int ClientCommand(const std::vector<std::string> &args) {
   }
   if (word == "add" && args.size() <= 5) {
     std::string cidr;
-    if (listType == "network" ? convertToCIDR(pattern, cidr) != 0 : !ValidDomain(pattern)) {
+    if (listType == "network" ? convertToCIDR(pattern, cidr) != 0 : !ValidDomainName(pattern)) {
       return Unchanged(listType + " \"" + pattern + "\"",
                        listType == "network"
                            ? "a network is an address, address/prefix or address/netmask"

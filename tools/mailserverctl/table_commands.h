@@ -1,6 +1,6 @@
 // The commands of mailserverctl over the sender quota and attachment filter tables:
 //
-//   quota set SENDER QUOTA         a daily quota of 0 to 99999 mails
+//   quota set SENDER QUOTA         a daily quota of 0 to 99999 mails; a sender of 254 bytes at most
 //   quota del SENDER...            every sender must have a quota
 //   quota list [SEARCH]            senders that contain SEARCH, with their quotas
 //   quota export                   writes the Postfix map from the table
