@@ -60,17 +60,12 @@ TEST_F(AttachmentFilterTest, RuleRejectsListedTypesOnly) {
   EXPECT_EQ(Lookup("name=\"evil.exe\""), "");
   EXPECT_EQ(Lookup("name=\"notes.txt\""), "");
 
-  ASSERT_EQ(AttachmentFilter::Add({"exe"}), 0);
+  ASSERT_EQ(AttachmentFilter::Add({"exe", "tar.gz"}), 0);
   EXPECT_EQ(Lookup("name=\"evil.exe\""), "") << "the rule changes only when it is written";
   ASSERT_EQ(AttachmentFilter::GenerateConfig(), 0);
   EXPECT_EQ(Lookup("name=\"evil.exe\""), kRejected);
-}
-
-TEST_F(AttachmentFilterTest, DotInATypeIsARealDot) {
-  ASSERT_EQ(AttachmentFilter::Add({"tar.gz"}), 0);
-  ASSERT_EQ(AttachmentFilter::GenerateConfig(), 0);
   EXPECT_EQ(Lookup("name=\"backup.tar.gz\""), kRejected);
-  EXPECT_EQ(Lookup("name=\"backup.tarxgz\""), "");
+  EXPECT_EQ(Lookup("name=\"backup.tarxgz\""), "") << "a dot in a type is a real dot";
 }
 
 }  // namespace
