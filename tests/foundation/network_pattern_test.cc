@@ -43,12 +43,14 @@ TEST(CidrTest, HostBitsAreClearedAndBareAddressesKept) {
 }
 
 TEST(CidrTest, Ipv6TakesAPrefixOrADottedMask) {
+  qsvtest::SyslogCapture log;  // takes this test's refusal line, which the next test must not see
   std::string cidr;
   ASSERT_EQ(convertToCIDR("2001:db8:abcd:12::1/64", cidr), 0);
   EXPECT_EQ(cidr, "2001:db8:abcd:12::/64");
   ASSERT_EQ(convertToCIDR("2001:db8:abcd:12::1/255.255.255.0", cidr), 0);
   EXPECT_EQ(cidr, "2001:d00::/24");
   EXPECT_EQ(convertToCIDR("fe80::1/129", cidr), -1);
+  EXPECT_EQ(log.Matching("CIDR prefix is too large: 129").size(), 1u);
 }
 
 TEST(CidrTest, ZeroAndOversizedPrefixesAreRefusedWithTheirLines) {
