@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -332,32 +331,6 @@ TEST_F(FileSyncCluster, LocksOfGoneHoldersAreBrokenAndAHeldOneHoldsUpNothingElse
   }
   EXPECT_EQ(StoreCommand(kPassword, {"EXISTS", lockOf + "sync_held"}), "1");
   StoreCommand(kPassword, {"DEL", lockOf + "sync_held", "kv_file_upload/file_upload_hook-sync_held"});
-}
-
-// The watcher mirrors what it reads under the key file's lock: a reader of the file never sees a
-// value older than the last write this node acknowledged.
-TEST_F(FileSyncCluster, AKeyFileNeverGoesBackToAnOlderValue) {
-  const std::string file = On(1, "/var/packages/Quillon-Server/etc/mailconf.d/smtp_helo_name");
-  std::atomic<int> acknowledged{0};
-  std::atomic<bool> done{false};
-  int regressions = 0;
-  std::thread reader([&] {
-    while (!done) {
-      const int before = acknowledged;  // what the file must hold at least from here on
-      const std::string text = ReadFile(file);
-      const size_t at = text.find(":\"");
-      const int seen = at == std::string::npos ? 0 : atoi(text.c_str() + at + 2);
-      if (seen < before) ++regressions;
-    }
-  });
-  for (int i = 1; i <= 200; ++i) {
-    ASSERT_EQ(Ctl(1, {"conf", "set", "smtp_helo_name", std::to_string(i)}), 0);
-    acknowledged = i;
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  done = true;
-  reader.join();
-  EXPECT_EQ(regressions, 0);
 }
 
 }  // namespace
