@@ -29,6 +29,8 @@ const Tree kTrees[] = {
     {"service_catalog", "", nullptr},
     // the records of synced files, under the names their owners give them
     {"file", "mailserver/file", nullptr},
+    // enabled flags of the custom anti-spam rules; listed by the tree's name, so it is its prefix
+    {"rule", "rule", nullptr},
 };
 
 // Keys placed outside the default tree, and the services that must follow a change of a key.
@@ -95,6 +97,7 @@ const KeyRow kKeys[] = {
     {"dovecot_", "conf", {kDovecot}},
     // content scanning
     {"spam_", "conf", {kSpam}},
+    {"mailserver_rule_status-", "rule", {kSpam}},
     {"mcp_rules", "conf", {kSpam}},
     {"av_", "conf", {kAntivirus}},
     {"antivirus_", "conf", {kAntivirus}},
@@ -161,6 +164,7 @@ const Tree *TreeOfShortName(const std::string &key) {
   }
   for (const Tree &tree : kTrees) {
     if (tree.prefix[0] == '\0' && key == tree.name) return &tree;
+    if (key == tree.prefix) return &tree;  // the root of a tree named by its prefix
   }
   const KeyRow *row = RowOf(key);
   return row != nullptr ? TreeNamed(row->tree) : &kTrees[0];
@@ -181,7 +185,7 @@ KeyTreeStore *KeyTreeStore::instance() {
 std::string KeyTreeStore::keyComplete(const std::string &key) const {
   if (key.empty() || TreeOfFullName(key) != nullptr) return key;
   const Tree *tree = TreeOfShortName(key);
-  if (tree == nullptr || tree->prefix[0] == '\0') return key;
+  if (tree == nullptr || tree->prefix[0] == '\0' || key == tree->prefix) return key;
   return std::string(tree->prefix) + "/" + key;
 }
 

@@ -168,3 +168,53 @@ int removeStaleTemporaries(const std::string &target) {
   close(dirFd);
   return removed;
 }
+
+FILE *OpenRegularFile(const std::string &path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    maillog(3, "%s:%d %s is not a regular file", QSV_FILE, __LINE__, path.c_str());
+    close(fd);
+    errno = EINVAL;
+    return nullptr;
+  }
+  FILE *in = fdopen(fd, "r");
+  if (in == nullptr) close(fd);
+  return in;
+}
+
+int ReadBoundedLine(FILE *in, std::string &line, size_t limit) {
+  line.clear();
+  int c;
+  while ((c = getc_unlocked(in)) != EOF) {
+    if (line.size() == limit) return -1;
+    line.push_back(static_cast<char>(c));
+    if (c == '\n') return 1;
+  }
+  return line.empty() ? 0 : 1;
+}
+
+int WriteWholeFile(const std::string &path, const std::string &text) {
+  if (path.empty() || path[0] != '/') {
+    errno = EINVAL;
+    return -1;
+  }
+  std::string tmp;
+  const int fd = mkTemporaryBeside(path, tmp);
+  if (fd < 0) return -1;
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+    if (wrote < 0 && errno == EINTR) continue;
+    if (wrote <= 0) break;
+    done += static_cast<size_t>(wrote);
+  }
+  int rc = done == text.size() && fsync(fd) == 0 ? renameTmpFileAndChmod(tmp.c_str(), path.c_str()) : -1;
+  const int saved = errno;
+  if (rc != 0) unlink(tmp.c_str());
+  // The lock of the temporary is held until it is in place.
+  close(fd);
+  errno = saved;
+  return rc;
+}

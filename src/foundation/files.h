@@ -43,4 +43,19 @@ int mkTemporaryBeside(const std::string &target, std::string &tmp);
 // absolute or its directory can't be read.
 int removeStaleTemporaries(const std::string &target);
 
+// Replaces `path` whole with `text`: a temporary beside it, written, flushed to disk, mode 0644,
+// renamed into place, so that a reader sees the old file or the new one, never a part. 0, or -1
+// with errno set (EINVAL for a relative path) and `path` as it was.
+int WriteWholeFile(const std::string &path, const std::string &text);
+
+// Opens `path` for reading if it is a regular file, close-on-exec: a FIFO would block an import, a
+// device could feed it without end, and a directory reads as nothing, which looks like success.
+// Null (with a log line when the file is of another kind) otherwise.
+FILE *OpenRegularFile(const std::string &path);
+
+// Reads the next line, with its newline, into `line`. 1 for a line, 0 at the end of the file, -1
+// for a line longer than `limit` bytes: no line of an imported list is that long, and an unbounded
+// one would take all memory.
+int ReadBoundedLine(FILE *in, std::string &line, size_t limit);
+
 #endif  // MAILSERVER_FOUNDATION_FILES_H_

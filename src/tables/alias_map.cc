@@ -12,6 +12,7 @@
 
 #include "config/accounts.h"
 #include "config/postfix.h"
+#include "foundation/files.h"
 #include "foundation/log.h"
 #include "foundation/strings.h"
 #include "kolt/str.h"
@@ -24,36 +25,6 @@ bool IsReservedName(const std::string &name) {
     if (strcasecmp(name.c_str(), reserved) == 0) return true;
   }
   return false;
-}
-
-// Opens `path` for reading if it is a regular file: a FIFO would block the import, a device could
-// feed it without end, and a directory reads as nothing, which looks like success.
-FILE *OpenRegularFile(const std::string &path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) return nullptr;
-  struct stat st;
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-    maillog(3, "%s:%d %s is not a regular file", QSV_FILE, __LINE__, path.c_str());
-    close(fd);
-    return nullptr;
-  }
-  FILE *in = fdopen(fd, "r");
-  if (in == nullptr) close(fd);
-  return in;
-}
-
-// Reads the next line, with its newline, into `line`. 1 for a line, 0 at the end of the file, -1
-// for a line longer than `limit` bytes: no map line is that long, and an unbounded one would take
-// all memory.
-int ReadLine(FILE *in, std::string &line, size_t limit) {
-  line.clear();
-  int c;
-  while ((c = getc_unlocked(in)) != EOF) {
-    if (line.size() == limit) return -1;
-    line.push_back(static_cast<char>(c));
-    if (c == '\n') return 1;
-  }
-  return line.empty() ? 0 : 1;
 }
 
 std::string RemoveBlanks(const char *line) {
@@ -119,7 +90,7 @@ int Alias::ImportAlias(const std::string &path, const int &domain) {
   std::map<std::string, std::list<MemberInfo>> entries;
   std::string buffer;
   int got;
-  while ((got = ReadLine(in, buffer, kMaxImportLine)) > 0) {
+  while ((got = ReadBoundedLine(in, buffer, kMaxImportLine)) > 0) {
     char *line = &buffer[0];
     if (KLIBCStrTrimSpace(line, 0) < 0) {
       maillog(7, "%s:%d trim space fail: %s", QSV_FILE, __LINE__, line);

@@ -16,7 +16,7 @@
 #include "foundation/log.h"
 #include "foundation/privilege.h"
 #include "kolt/exec.h"
-#include "tables/mailserver_db_schema.h"
+#include "foundation/mailserver_db_schema.h"
 
 namespace {
 

@@ -39,7 +39,10 @@ TEST(KeyTreeStoreTest, FullNamesTreesServicesAndRoles) {
                            {"service_change/serv_status-1|x|", "service_change/serv_status-1|x|"},
                            {"health_check_heartbeat_dir", "health_check_heartbeat_dir"},
                            // The mapping table's members carry the id behind their first slash.
-                           {"mailserver_id-5", "mapping_table/mailserver_id-5"}};
+                           {"mailserver_id-5", "mapping_table/mailserver_id-5"},
+                           // Rule flags are listed by their tree's name, which is their prefix.
+                           {"mailserver_rule_status-a.cf", "rule/mailserver_rule_status-a.cf"},
+                           {"rule", "rule"}};
   for (auto &f : full) EXPECT_EQ(store->keyComplete(f[0]), f[1]);
 
   EXPECT_EQ(store->treeGet("mailserver/conf/smtp_port"), "conf");
@@ -48,6 +51,10 @@ TEST(KeyTreeStoreTest, FullNamesTreesServicesAndRoles) {
   EXPECT_EQ(store->getKeyServ("mailserver/conf/smtp_port"),
             std::vector<std::string>{"mailserver_service_postfix"});
   EXPECT_TRUE(store->getKeyServ("cluster_peers").empty());
+  EXPECT_EQ(store->treeGet("mailserver_rule_status-a.cf"), "rule");
+  for (const char *key : {"mailserver_rule_status-a.cf", "spam_required_score"}) {
+    EXPECT_EQ(store->getKeyServ(key), std::vector<std::string>{"mailserver_service_spam"}) << key;
+  }
   std::vector<std::string> balancer;
   ASSERT_TRUE(store->roleToServ(2, balancer));
   EXPECT_NE(std::find(balancer.begin(), balancer.end(), "mailserver_service_balancer"), balancer.end());

@@ -15,7 +15,7 @@
 #include "config/mail_conf.h"
 #include "harness/syslog_capture.h"
 #include "tables/attachment_filter.h"
-#include "tables/mailserver_db_schema.h"
+#include "foundation/mailserver_db_schema.h"
 #include "tables/relay_client.h"
 #include "tables/relay_host.h"
 #include "tables/sender_quota.h"

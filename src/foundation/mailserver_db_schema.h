@@ -2,8 +2,8 @@
 // of it at once. The sender quota, the access table, the anti-spam lists and the per-domain
 // settings each use a part of it, and whichever of them first finds the file missing creates all
 // of it, so they must agree on one script. Constants only: safe from any thread.
-#ifndef MAILSERVER_TABLES_MAILSERVER_DB_SCHEMA_H_
-#define MAILSERVER_TABLES_MAILSERVER_DB_SCHEMA_H_
+#ifndef MAILSERVER_FOUNDATION_MAILSERVER_DB_SCHEMA_H_
+#define MAILSERVER_FOUNDATION_MAILSERVER_DB_SCHEMA_H_
 
 inline constexpr char kMailServerDBPath[] = "/var/packages/Quillon-Server/etc/mailserver.db";
 
@@ -29,4 +29,4 @@ inline constexpr char kMailServerDBSchema[] =
     "create unique index if not exists multi_domain_value_index on "
     "multi_domain_rate_table(domain_id);";
 
-#endif  // MAILSERVER_TABLES_MAILSERVER_DB_SCHEMA_H_
+#endif  // MAILSERVER_FOUNDATION_MAILSERVER_DB_SCHEMA_H_
