@@ -12,7 +12,6 @@
 #include "foundation/files.h"
 #include "foundation/log.h"
 #include "foundation/mailserver_db_schema.h"
-#include "foundation/section_file.h"
 #include "foundation/strings.h"
 #include "kolt/str.h"
 #include "kolt/szlist.h"
@@ -23,8 +22,6 @@ namespace {
 constexpr int kBusyTimeoutMs = 60000;
 constexpr int kStatementSize = 1024;
 constexpr int kExportPage = 1024;
-// No line of an access map is longer; a longer one is not a map.
-constexpr size_t kMaxMapLine = 64 * 1024;
 
 // The statement of `format` and its arguments, or "" when it does not fit `size` bytes: a cut
 // statement would fail for a reason nobody could see, or touch another row.
@@ -298,35 +295,16 @@ int Access::exportAccess(Type type, const std::string &path) {
 }
 
 int Access::importAccess(Type type, const std::string &path) {
-  FILE *in = OpenRegularFile(path);
-  if (in == nullptr) {
-    maillog(3, "%s:%d open file error, %s", QSV_FILE, __LINE__, strerror(errno));
-    return -1;
-  }
-  KLIBSZLIST *words = KLIBCSzListAlloc(512);
-  if (words == nullptr) {
-    fclose(in);
-    maillog(3, "%s:%d out of memory", QSV_FILE, __LINE__);
-    return -1;
-  }
   std::list<AccessInfo> rows;
-  std::string line;
-  int got;
-  while ((got = ReadBoundedLine(in, line, kMaxMapLine)) > 0) {
-    if (ParseReadLine(&line[0], &words) != 2) continue;
+  const bool read = ForEachWordLine(path, [&](const KLIBSZLIST *words, const std::string &) {
+    if (KLIBCSzListCount(words) != 2) return;
     const AccessStatus status = StrToStatus(KLIBCSzListGet(words, 1));
-    if (status == ACCESS_UNKNOWN) continue;
+    if (status == ACCESS_UNKNOWN) return;
     const std::string name = PatternToName(KLIBCSzListGet(words, 0));
     rows.push_back({name, status, type,
                     name.find('@') != std::string::npos ? NAME_TYPE_ADDRESS : NAME_TYPE_DOMAIN});
-  }
-  KLIBCSzListFree(words);
-  fclose(in);
-  if (got < 0) {
-    maillog(3, "%s:%d invalid input: a line longer than %zu bytes", QSV_FILE, __LINE__, kMaxMapLine);
-    return -1;
-  }
-  if (setAccess(rows) != 0) {
+  });
+  if (!read || setAccess(rows) != 0) {
     maillog(3, "%s:%d import list fail, type: %d", QSV_FILE, __LINE__, static_cast<int>(type));
     return -1;
   }

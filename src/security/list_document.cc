@@ -1,16 +1,20 @@
 #include "security/list_document.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "foundation/files.h"
 #include "foundation/log.h"
+#include "foundation/section_file.h"
 #include "foundation/utf8.h"
 
 namespace {
 
 // No list the suite writes comes near this; a bigger file is not a list.
 constexpr size_t kMaxDocument = 64 * 1024 * 1024;
+constexpr size_t kMaxLine = 64 * 1024;
 
 bool WrongShape(const char *where) {
   maillog(3, "%s:%d invalid input: %s has the wrong shape", QSV_FILE, __LINE__, where);
@@ -69,5 +73,31 @@ bool ListDocumentRows(const Json::Value &doc, std::list<BlackWhite> &rows) {
     }
   }
   rows.splice(rows.end(), found);
+  return true;
+}
+
+bool ForEachWordLine(const std::string &path,
+                     const std::function<void(const KLIBSZLIST *words, const std::string &line)> &onLine) {
+  std::unique_ptr<FILE, int (*)(FILE *)> in(OpenRegularFile(path), fclose);
+  if (!in) {
+    maillog(3, "%s:%d open file error, %s", QSV_FILE, __LINE__, strerror(errno));
+    return false;
+  }
+  std::unique_ptr<KLIBSZLIST, void (*)(KLIBSZLIST *)> words(KLIBCSzListAlloc(512), KLIBCSzListFree);
+  if (!words) {
+    maillog(3, "%s:%d out of memory", QSV_FILE, __LINE__);
+    return false;
+  }
+  std::string line;
+  int got;
+  while ((got = ReadBoundedLine(in.get(), line, kMaxLine)) > 0) {
+    KLIBSZLIST *list = words.get();
+    if (ParseReadLine(&line[0], &list) < 0) continue;
+    onLine(list, line);
+  }
+  if (got < 0) {
+    maillog(3, "%s:%d invalid input: a line longer than %zu bytes", QSV_FILE, __LINE__, kMaxLine);
+    return false;
+  }
   return true;
 }

@@ -5,9 +5,11 @@
 
 #include <json/json.h>
 
+#include <functional>
 #include <list>
 #include <string>
 
+#include "kolt/szlist.h"
 #include "security/spam.h"
 
 // Whether `name` may be stored in a list: not empty, UTF-8, and without control characters. The
@@ -23,5 +25,11 @@ JsonFileRead ReadJsonFile(const std::string &path, Json::Value &doc);
 // shape (a verdict or side that isn't an object, a kind that isn't an array of strings) is refused
 // with a log line and false, and nothing is appended.
 bool ListDocumentRows(const Json::Value &doc, std::list<BlackWhite> &rows);
+
+// Calls `onLine` with the blank-separated words of each line of `path`, a regular file, and the
+// line itself. False, with a log line, when the file can't be read or holds a line longer than
+// 64 KiB: no list line is that long, and an unbounded one would take all memory.
+bool ForEachWordLine(const std::string &path,
+                     const std::function<void(const KLIBSZLIST *words, const std::string &line)> &onLine);
 
 #endif  // MAILSERVER_SECURITY_LIST_DOCUMENT_H_

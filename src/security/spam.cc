@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
-#include <fstream>
-#include <sstream>
 
 #include "cluster/mailserver_cluster.h"
 #include "config/mail_conf.h"
@@ -21,7 +19,6 @@
 #include "foundation/log.h"
 #include "foundation/mailserver_db_schema.h"
 #include "foundation/map_pattern.h"
-#include "foundation/section_file.h"
 #include "kolt/exec.h"
 #include "kolt/file.h"
 #include "kolt/szlist.h"
@@ -36,8 +33,6 @@ constexpr char kSpamDaemon[] = "/var/packages/Quillon-Server/target/scripts/Spam
 constexpr int kBusyTimeoutMs = 60000;
 constexpr int kStatementSize = 1024;
 constexpr int kExportPage = 512;
-// No line of the old list form is longer; a longer one is not a list.
-constexpr size_t kMaxOldLine = 64 * 1024;
 
 const char *YesNo(bool on) { return on ? "yes" : "no"; }
 
@@ -216,9 +211,9 @@ int Spam::GenerateConfig() {
   return 0;
 }
 
-int Spam::enableRule(const std::string &name) {
+int Spam::SetRuleStatus(const std::string &name, const char *status) {
   const std::string key = kRuleStatusPrefix + name;
-  const int rc = mailConfSet(key, "yes", true, 0);
+  const int rc = mailConfSet(key, status, true, 0);
   if (rc < 0) {
     maillog(3, "%s:%d Failed to set key '%s'", QSV_FILE, __LINE__, key.c_str());
     return rc;
@@ -226,15 +221,9 @@ int Spam::enableRule(const std::string &name) {
   return 0;
 }
 
-int Spam::disableRule(const std::string &name) {
-  const std::string key = kRuleStatusPrefix + name;
-  const int rc = mailConfSet(key, "no", true, 0);
-  if (rc < 0) {
-    maillog(3, "%s:%d Failed to set key '%s'", QSV_FILE, __LINE__, key.c_str());
-    return rc;
-  }
-  return 0;
-}
+int Spam::enableRule(const std::string &name) { return SetRuleStatus(name, "yes"); }
+
+int Spam::disableRule(const std::string &name) { return SetRuleStatus(name, "no"); }
 
 int Spam::deleteRule(const std::string &name) {
   const std::string key = kRuleStatusPrefix + name;
@@ -488,40 +477,21 @@ int Spam::importBlackWhite(const std::string &path) {
 }
 
 int Spam::importOldBlackWhite(BlackWhiteType verdict, const std::string &path) {
-  FILE *in = OpenRegularFile(path);
-  if (in == nullptr) {
-    maillog(3, "%s:%d open file error, %s", QSV_FILE, __LINE__, strerror(errno));
-    return -1;
-  }
-  KLIBSZLIST *words = KLIBCSzListAlloc(512);
-  if (words == nullptr) {
-    fclose(in);
-    maillog(3, "%s:%d out of memory", QSV_FILE, __LINE__);
-    return -1;
-  }
   std::list<BlackWhite> rows;
-  std::string line;
-  int got;
-  while ((got = ReadBoundedLine(in, line, kMaxOldLine)) > 0) {
-    if (ParseReadLine(&line[0], &words) != 3) continue;
+  const bool read = ForEachWordLine(path, [&](const KLIBSZLIST *words, const std::string &line) {
+    if (KLIBCSzListCount(words) != 3) return;
     const char *side = KLIBCSzListGet(words, 0);
     const char *name = KLIBCSzListGet(words, 1);
     const bool from = strcasecmp(side, "from:") == 0;
     if (!from && strcasecmp(side, "to:") != 0) {
       maillog(3, "%s:%d skip: %s", QSV_FILE, __LINE__, line.c_str());
-      continue;
+      return;
     }
-    if (strcasecmp(KLIBCSzListGet(words, 2), "yes") != 0) continue;
+    if (strcasecmp(KLIBCSzListGet(words, 2), "yes") != 0) return;
     rows.push_back({name, verdict, from ? TYPE_FROM : TYPE_TO,
                     strchr(name, '@') != nullptr ? NAME_TYPE_ADDRESS : NAME_TYPE_DOMAIN});
-  }
-  KLIBCSzListFree(words);
-  fclose(in);
-  if (got < 0) {
-    maillog(3, "%s:%d invalid input: a line longer than %zu bytes", QSV_FILE, __LINE__, kMaxOldLine);
-    return -1;
-  }
-  if (addBlackWhiteList(rows) != 0) {
+  });
+  if (!read || addBlackWhiteList(rows) != 0) {
     maillog(3, "%s:%d import list fail", QSV_FILE, __LINE__);
     return -1;
   }

@@ -134,6 +134,7 @@ class QSV_EXPORT Spam {
 
  private:
   explicit Spam(const std::string &dbPath);
+  int SetRuleStatus(const std::string &name, const char *status);
   int RuleStatusWalk(bool enabledOnly, std::list<std::string> &names);
   bool queryBlackWhiteData(const std::string &statement, std::list<BlackWhite> &out);
   int ExecuteEach(const std::list<BlackWhite> &rows, const char *format, const char *failure);

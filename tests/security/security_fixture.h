@@ -15,6 +15,7 @@
 #include "harness/cluster_nodes.h"
 #include "harness/one_node_cluster.h"
 #include "security/spam.h"
+#include "tables/tables_fixture.h"
 
 namespace qsvtest {
 
@@ -55,15 +56,8 @@ inline void MainDBExec(const std::string &sql) {
   sqlite3_close(db);
 }
 
-class SecurityTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { cluster_ = new OneNodeCluster(); }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
-  }
-  static inline OneNodeCluster *cluster_ = nullptr;
-};
+// A one-node cluster for each suite.
+using SecurityTest = TablesTest;
 
 }  // namespace qsvtest
 
