@@ -1,4 +1,6 @@
 // Typed settings and the SMTP settings object over a one-node cluster's store.
+#include <sys/stat.h>
+
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -8,6 +10,8 @@
 
 #include "config/accounts.h"
 #include "config/basic_config.h"
+#include "config/mail_conf.h"
+#include "config/mailscanner.h"
 #include "config/postfix.h"
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
@@ -270,6 +274,35 @@ TEST_F(TypedSettingsTest, AccountSourceDecidesNamesDirectoriesAndDomains) {
   EXPECT_EQ(domains, (std::list<std::string>{"b\xc3\xbc" "cher.example", "plain.example",
                                              "m\xc3\xbcnchen.example"}));
   PutKeyFile("virtual_multiple_domain", "");
+}
+
+
+
+TEST_F(TypedSettingsTest, ScannerDefaultsFormatsAndItsEngineScript) {
+  MailScanner scanner;
+  ASSERT_EQ(scanner.LoadSettings(), 0);
+  EXPECT_EQ(ValueOf<int>(scanner, "spam_report_machanism"), 0);
+  EXPECT_EQ(ValueOf<double>(scanner, "spam_learn_threshold_non_spam"), -1.0);
+  EXPECT_TRUE(ValueOf<bool>(scanner, "reject_partial_message"));
+  EXPECT_EQ(ValueOf<std::string>(scanner, "mcp_bounce_content").substr(0, 14), "Dear Sender,\n\n");
+  // The allow_* keys are words, not switches.
+  EXPECT_THROW(ValueOf<bool>(scanner, "allow_iframe_tags"), boost::bad_any_cast);
+
+  scanner.Set("allow_iframe_tags", boost::any(Value<std::string>("no")));
+  scanner.Set("spam_required_score", boost::any(Value<double>(6.5)));
+  ASSERT_EQ(scanner.SaveSettings({}), 0);
+  EXPECT_EQ(Stored("spam_required_score"), "6.500000");
+  EXPECT_EQ(Stored("spam_learn_threshold_spam"), "12.000000");
+  EXPECT_EQ(Stored("allow_iframe_tags"), "no");
+
+  // An empty store names clamav; another engine word runs nothing.
+  mkdir("/var/packages/Quillon-Server/target/scripts/daemon", 0755);
+  qsvtest::RecordingScript clamav("/var/packages/Quillon-Server/target/scripts/daemon/clamav.sh", 3);
+  EXPECT_EQ(MailScanner::AntiVirusService("start"), 3);
+  ASSERT_EQ(mailConfSet("anti_virus_engine", "other", true, 0), 0);
+  EXPECT_EQ(MailScanner::AntiVirusService("stop"), -1);
+  EXPECT_EQ(clamav.Calls(), (std::vector<std::vector<std::string>>{{"start"}}));
+  ASSERT_EQ(mailConfSet("anti_virus_engine", "clamav", true, 0), 0);
 }
 
 }  // namespace
