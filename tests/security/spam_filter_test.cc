@@ -136,6 +136,20 @@ bool Blocked(const std::string &message) {
   return hit.count("USER_IN_BLOCKLIST") + hit.count("USER_IN_BLACKLIST") > 0;
 }
 
+// The rule files the tests write; each test removes them and every rule flag when it ends.
+const char *const kTestRules[] = {"good.cf", "broken.cf", "plugin.cf", "link.cf", "folder.cf"};
+
+// The anti-spam object's nine settings, so that a test gives back the ones it found.
+struct SpamSettings {
+  bool enable, rewrite;
+  std::string tag;
+  float score;
+  int mechanism;
+  bool learn;
+  float spamThreshold, nonSpamThreshold;
+  bool autoWhitelist;
+};
+
 class SpamFilterTest : public qsvtest::SecurityTest {
  protected:
   static void TearDownTestSuite() {
@@ -146,8 +160,11 @@ class SpamFilterTest : public qsvtest::SecurityTest {
   void SetUp() override {
     spam_ = qsvtest::SpamInstance();
     ASSERT_NE(spam_, nullptr);
-    MainDBExec("delete from blackwhite_table;");
-    for (const auto &rule : spam_->getSpamRules()) spam_->deleteRule(rule.first);
+    found_ = {spam_->isEnableSpamassassin(), spam_->isEnableRewrite(), spam_->getRewriteSubject(),
+              spam_->getRequiredScore(),     spam_->getReportMachanism(), spam_->isUseAutoLearn(),
+              spam_->getSpamLearnThreshold(), spam_->getNonSpamLearnThreshold(),
+              spam_->isUseAutoWhiteList()};
+    Tidy();
     spam_->setEnableSpamassassin(true);
     spam_->setRequiredScore(5.0f);
     spam_->setEnableRewrite(true);
@@ -159,7 +176,51 @@ class SpamFilterTest : public qsvtest::SecurityTest {
     spam_->setUseAutoWhiteList(true);
   }
 
+  // The settings go back into the object and the store as they were found; the live filter
+  // configuration stays as the test left it.
+  void TearDown() override {
+    if (spam_ == nullptr) return;
+    Tidy();
+    const SpamSettings &s = found_;
+    spam_->setEnableSpamassassin(s.enable);
+    spam_->setEnableRewrite(s.rewrite);
+    spam_->setRewriteSubject(s.tag);
+    spam_->setRequiredScore(s.score);
+    spam_->setReportMachanism(s.mechanism);
+    spam_->setUseAutoLearn(s.learn);
+    spam_->setSpamLearnThreshold(s.spamThreshold);
+    spam_->setNonSpamLearnThreshold(s.nonSpamThreshold);
+    spam_->setUseAutoWhiteList(s.autoWhitelist);
+    const auto yesNo = [](bool on) { return std::string(on ? "yes" : "no"); };
+    const auto score = [](float value) {
+      char text[64];
+      snprintf(text, sizeof(text), "%.2f", static_cast<double>(value));
+      return std::string(text);
+    };
+    EXPECT_EQ(mailConfSet(std::map<std::string, std::string>{
+                  {"spam_enable", yesNo(s.enable)},
+                  {"spam_enable_rewrite", yesNo(s.rewrite)},
+                  {"spam_rewrite_subject", s.tag},
+                  {"spam_required_score", score(s.score)},
+                  {"spam_report_machanism", std::to_string(s.mechanism)},
+                  {"spam_auto_learn", yesNo(s.learn)},
+                  {"spam_learn_threshold_spam", score(s.spamThreshold)},
+                  {"spam_learn_threshold_non_spam", score(s.nonSpamThreshold)},
+                  {"spam_auto_whitelist", yesNo(s.autoWhitelist)}}),
+              0);
+  }
+
+  void Tidy() {
+    MainDBExec("delete from blackwhite_table;");
+    for (const auto &rule : spam_->getSpamRules()) spam_->deleteRule(rule.first);
+    for (const char *name : kTestRules) {
+      unlink((kRules + name).c_str());
+      rmdir((kRules + name).c_str());
+    }
+  }
+
   Spam *spam_ = nullptr;
+  SpamSettings found_{};
 };
 
 TEST_F(SpamFilterTest, ListedSendersAndRecipientsAreScoredByTheRunningFilter) {
@@ -260,8 +321,6 @@ TEST_F(SpamFilterTest, RefusedRuleFileLeavesTheLiveConfigurationAsItWas) {
   }
   EXPECT_EQ(ReadText(kSite + "/custom_good.cf"), ReadText(kRules + "good.cf"));
   EXPECT_EQ(Lint(), 0);
-  unlink((kRules + "link.cf").c_str());
-  rmdir((kRules + "folder.cf").c_str());
 }
 
 TEST_F(SpamFilterTest, NamesAndSettingsThatWouldAddLinesNeverReachTheConfiguration) {
