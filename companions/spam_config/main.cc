@@ -102,8 +102,9 @@ int RuleFiles(const std::list<std::pair<std::string, bool>> &rules,
       close(rulesDir);
       return -1;
     }
-    // The filter reads only the files ending in ".cf"; the prefix keeps rules apart from our own
-    // files whatever they are called.
+    // The filter reads only the files ending in ".cf", in name order; the prefix keeps rules apart
+    // from our own files whatever they are called, and puts them before "local.cf", so that a
+    // rule file that sets a score threshold of its own doesn't override the suite's settings.
     const std::string &name = rule.first;
     const bool hasSuffix = name.size() > 3 && name.compare(name.size() - 3, 3, ".cf") == 0;
     const std::string fileName = "custom_" + name + (hasSuffix ? "" : ".cf");
