@@ -24,6 +24,8 @@
 //   mailserverctl file set KEY PATH [SCRIPT [ARG...]]
 //   mailserverctl file delete KEY [PATH]
 //   mailserverctl relay host|client|export ...   (see relay_commands.h)
+//   mailserverctl spam show|set|apply|rule|blackwhite ...   (see spam_commands.h)
+//   mailserverctl access add|del|list|import|export ...     (see access_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -33,12 +35,14 @@
 
 #include "cluster/mailserver_cluster.h"
 #include "kolt/exec.h"
+#include "mailserverctl/access_commands.h"
 #include "mailserverctl/alias_commands.h"
 #include "mailserverctl/conf_commands.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/relay_commands.h"
 #include "mailserverctl/settings_commands.h"
+#include "mailserverctl/spam_commands.h"
 #include "mailserverctl/table_commands.h"
 #include "mailserverctl/error.h"
 
@@ -85,7 +89,12 @@ int Usage() {
           "       mailserverctl relay client add network|domain PATTERN [DESCRIPTION]\n"
           "       mailserverctl relay client del|enable|disable network|domain PATTERN\n"
           "       mailserverctl relay client list\n"
-          "       mailserverctl relay export\n");
+          "       mailserverctl relay export\n"
+          "       mailserverctl spam show|apply\n"
+          "       mailserverctl spam set KEY VALUE [KEY VALUE ...]\n"
+          "       mailserverctl spam rule list|import|enable|disable|delete ...\n"
+          "       mailserverctl spam blackwhite add|del|list|import|export ...\n"
+          "       mailserverctl access add|del|list|import|export ...\n");
   return 2;
 }
 
@@ -160,6 +169,12 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "relay") {
     return mailserverctl::RelayCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "spam") {
+    return mailserverctl::SpamCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "access") {
+    return mailserverctl::AccessCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "quota" || command == "attachment") {
     const std::string word = args.size() >= 2 ? args[1] : "";
