@@ -101,7 +101,11 @@ TEST_F(MailConfTest, WhatTheNodeCannotStoreIsNeverPublished) {
   EXPECT_EQ(mailConfSet(std::string(300, 'k'), "x", true, 0), -1);
   EXPECT_EQ(mailConfSet("smtp_banner", "\xc3\"", true, 0), -1);
   EXPECT_EQ(log.Matching("Refused to set key").size(), 3u);
-  EXPECT_EQ(ReadFile("/tmp/refused-calls"), "");
+  // The key watcher may still be reading what earlier tests wrote; none of these keys reached it.
+  const std::string calls = ReadFile("/tmp/refused-calls");
+  for (const std::string &trace : {std::string("--command set"), std::string("smtp_banner"), std::string("kkkk")}) {
+    EXPECT_EQ(calls.find(trace), std::string::npos) << calls;
+  }
   EXPECT_NE(access((std::string(kMailConfDir) + "%").c_str(), F_OK), 0);
   EXPECT_EQ(mailConfSet(std::string(240, 'k'), "fits", true, 0), 0);
 }
