@@ -77,7 +77,8 @@ std::string OwnRules() {
   for (size_t start = 0; start < listed.size();) {
     const size_t end = listed.find('\n', start) + 1;
     const std::string line = listed.substr(start, end - start);
-    if (line.rfind("local_x.cf ", 0) == 0 || line.rfind("refused_by_writer.cf ", 0) == 0) own += line;
+    if (line.rfind("local_x.cf ", 0) == 0 || line.rfind("refused_by_writer.cf ", 0) == 0)
+      own += line;
     start = end;
   }
   return own;
@@ -104,7 +105,9 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
   ASSERT_EQ(RunCtl({"spam", "rule", "import", "/tmp/kept.cf"}).status, 0);
   ASSERT_EQ(RunCtl({"spam", "rule", "enable", "kept.cf"}).status, 0);
   ASSERT_EQ(RunCtl({"spam", "set", "spam_required_score", "4.5"}).status, 0);
-  ASSERT_EQ(RunCtl({"spam", "blackwhite", "add", "black", "from", "address", "kept@example.com"}).status, 0);
+  ASSERT_EQ(
+      RunCtl({"spam", "blackwhite", "add", "black", "from", "address", "kept@example.com"}).status,
+      0);
   ASSERT_EQ(RunCtl({"access", "add", "from", "kept.example", "REJECT"}).status, 0);
   WriteFile("/tmp/control.cf", std::string("score X 1\n\x01\n"));
   WriteFile("/tmp/latin1.cf", "# caf\xe9\n");
@@ -127,7 +130,8 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
       {{"spam", "set", "spam_report_machanism", "3"}, "takes 0, 1 or 2"},
       {{"spam", "set", "spam_rewrite_subject", "[SPAM]\nX-Header: 1"}, "control character"},
       {{"spam", "set", "spam_rewrite_subject", ""}, "1 to 255 bytes"},
-      {{"spam", "set", "spam_auto_learn", "yes", "spam_nonsense", "1"}, "no spam setting is called"},
+      {{"spam", "set", "spam_auto_learn", "yes", "spam_nonsense", "1"},
+       "no spam setting is called"},
       {{"spam", "set", "spam_enable", "yes", "spam_enable", "no"}, "given twice"},
       {{"spam", "colour"}, "unknown word \"colour\""},
       {{"spam", "rule", "import", "rules/x.cf"}, absolute},
@@ -143,15 +147,20 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
       {{"spam", "rule", "delete", "missing.cf"}, "there is no such rule"},
       {{"spam", "rule", "rename", "kept.cf"}, "unknown word"},
       {{"spam", "blackwhite", "add", "grey", "from", "address", "a@example.com"}, "black or white"},
-      {{"spam", "blackwhite", "add", "black", "cc", "address", "a@example.com"}, "from, to or client"},
-      {{"spam", "blackwhite", "add", "black", "from", "person", "a@example.com"}, "account, address or domain"},
+      {{"spam", "blackwhite", "add", "black", "cc", "address", "a@example.com"},
+       "from, to or client"},
+      {{"spam", "blackwhite", "add", "black", "from", "person", "a@example.com"},
+       "account, address or domain"},
       {{"spam", "blackwhite", "add", "black", "from", "address", "a b@example.com"}, "no blanks"},
-      {{"spam", "blackwhite", "add", "black", "from", "address", "x@y\nwhitelist_from *"}, "control"},
+      {{"spam", "blackwhite", "add", "black", "from", "address", "x@y\nwhitelist_from *"},
+       "control"},
       {{"spam", "blackwhite", "add", "black", "from", "address", "\xc3(@example.com"}, "UTF-8"},
-      {{"spam", "blackwhite", "add", "black", "from", "address", std::string(300, 'a') + "@x"}, "255 bytes"},
+      {{"spam", "blackwhite", "add", "black", "from", "address", std::string(300, 'a') + "@x"},
+       "255 bytes"},
       {{"spam", "blackwhite", "add", "black", "from", "address", "nobody"}, "NAME@DOMAIN"},
       {{"spam", "blackwhite", "add", "white", "client", "domain", "a@b.example"}, "can't hold"},
-      {{"spam", "blackwhite", "del", "white", "from", "address", "kept@example.com"}, "is not on the white list"},
+      {{"spam", "blackwhite", "del", "white", "from", "address", "kept@example.com"},
+       "is not on the white list"},
       {{"spam", "blackwhite", "list", "--offset", "-1"}, "whole number from 0"},
       {{"spam", "blackwhite", "list", "--limit", "0"}, "whole number from 1"},
       {{"spam", "blackwhite", "list", "--limit", "99999999999"}, "whole number from 1"},
@@ -176,7 +185,8 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
       {{"access", "del", "to", "kept.example"}, "there is no domain"},
       {{"access", "list", "everyone"}, "unknown word"},
       {{"access", "list", "all", "x", "--offset", "1", "--offset", "2"}, "given twice"},
-      {{"access", "import", "from", "/tmp/paren.map"}, "line 2: \"/a(b/\" is no regular expression"},
+      {{"access", "import", "from", "/tmp/paren.map"},
+       "line 2: \"/a(b/\" is no regular expression"},
       {{"access", "import", "from", "/tmp/long.map"}, "line 2: longer than"},
       {{"access", "import", "from", "/tmp"}, "is no regular file"},
       {{"access", "export", "to", "sender_access"}, absolute},
@@ -195,25 +205,25 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
 }
 
 TEST_F(MailserverctlSecurityTest, SettingsAreShownAsStoredAndAFailedWriterIsReported) {
-  const std::vector<std::string> keys = {"spam_required_score", "spam_enable_rewrite",
+  const std::vector<std::string> keys = {"spam_required_score",  "spam_enable_rewrite",
                                          "spam_rewrite_subject", "spam_report_machanism",
-                                         "spam_auto_learn", "spam_auto_whitelist"};
+                                         "spam_auto_learn",      "spam_auto_whitelist"};
   std::map<std::string, std::string> before;
   for (const std::string &key : keys) ASSERT_EQ(mailConfGet(key, before[key]), 0) << key;
   {
     WriterStandIn writer(0);
-    const qsvtest::CtlResult set = RunCtl({"spam", "set", "spam_required_score", "6.5",
-                                           "spam_enable_rewrite", "yes", "spam_rewrite_subject",
-                                           "[SPAM] ünd", "spam_report_machanism", "0"});
+    const qsvtest::CtlResult set =
+        RunCtl({"spam", "set", "spam_required_score", "6.5", "spam_enable_rewrite", "yes",
+                "spam_rewrite_subject", "[SPAM] ünd", "spam_report_machanism", "0"});
     ASSERT_EQ(set.status, 0) << set.output;
     EXPECT_EQ(writer.script.Calls(), (std::vector<std::vector<std::string>>{{"spam"}}));
     const std::string shown = RunCtl({"spam", "show"}).output;
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 9) << shown;
-    for (const auto &[key, value] : std::vector<std::pair<std::string, std::string>>{
-             {"spam_required_score", "6.50"},
-             {"spam_enable_rewrite", "yes"},
-             {"spam_rewrite_subject", "[SPAM] ünd"},
-             {"spam_report_machanism", "0"}}) {
+    for (const auto &[key, value] :
+         std::vector<std::pair<std::string, std::string>>{{"spam_required_score", "6.50"},
+                                                          {"spam_enable_rewrite", "yes"},
+                                                          {"spam_rewrite_subject", "[SPAM] ünd"},
+                                                          {"spam_report_machanism", "0"}}) {
       const std::string line = key + std::string(32 - key.size(), ' ') + value + "\n";
       EXPECT_NE(shown.find(line), std::string::npos) << line << shown;
     }
@@ -238,10 +248,11 @@ TEST_F(MailserverctlSecurityTest, SettingsAreShownAsStoredAndAFailedWriterIsRepo
     // A store that takes nothing: the settings are not saved, and the tool says so.
     qsvtest::FailingStoreTool broken;
     WriterStandIn writer(0);
-    const qsvtest::CtlResult lost = RunCtl(
-        {"spam", "set", "spam_auto_whitelist", before["spam_auto_whitelist"] == "yes" ? "no" : "yes"});
+    const qsvtest::CtlResult lost = RunCtl({"spam", "set", "spam_auto_whitelist",
+                                            before["spam_auto_whitelist"] == "yes" ? "no" : "yes"});
     EXPECT_EQ(lost.status, 1);
-    EXPECT_NE(lost.output.find("the settings were not all saved"), std::string::npos) << lost.output;
+    EXPECT_NE(lost.output.find("the settings were not all saved"), std::string::npos)
+        << lost.output;
   }
   for (const auto &[key, value] : before) EXPECT_EQ(mailConfSet(key, value, true, 0), 0) << key;
 }
@@ -284,11 +295,11 @@ TEST_F(MailserverctlSecurityTest, RuleGoesInIsEnabledOnlyIfTheWriterTakesItAndGo
 }
 
 TEST_F(MailserverctlSecurityTest, BlackWhiteListGoesRoundThroughBothFileForms) {
-  for (const std::vector<std::string> &row : std::vector<std::vector<std::string>>{
-           {"black", "from", "address", "spam@example.com"},
-           {"white", "to", "account", "boss"},
-           {"white", "client", "address", "192.0.2.7"},
-           {"white", "from", "domain", "*.bücher.example"}}) {
+  for (const std::vector<std::string> &row :
+       std::vector<std::vector<std::string>>{{"black", "from", "address", "spam@example.com"},
+                                             {"white", "to", "account", "boss"},
+                                             {"white", "client", "address", "192.0.2.7"},
+                                             {"white", "from", "domain", "*.bücher.example"}}) {
     std::vector<std::string> args = {"spam", "blackwhite", "add"};
     args.insert(args.end(), row.begin(), row.end());
     ASSERT_EQ(RunCtl(args).status, 0) << Line(args);
@@ -303,8 +314,8 @@ TEST_F(MailserverctlSecurityTest, BlackWhiteListGoesRoundThroughBothFileForms) {
             "white from   domain  *.bücher.example\n"
             "white from   address spam@example.com\n"  // replaced, so last
             "total: 4\n");
-  EXPECT_EQ(RunCtl({"spam", "blackwhite", "list", "--type", "from", "--name", "example",
-                    "--offset", "1", "--limit", "1"})
+  EXPECT_EQ(RunCtl({"spam", "blackwhite", "list", "--type", "from", "--name", "example", "--offset",
+                    "1", "--limit", "1"})
                 .output,
             "white from   address spam@example.com\ntotal: 2\n");
 
@@ -312,26 +323,29 @@ TEST_F(MailserverctlSecurityTest, BlackWhiteListGoesRoundThroughBothFileForms) {
   ASSERT_EQ(RunCtl({"spam", "blackwhite", "export", "/tmp/regexp.json", "--regexp"}).status, 0);
   EXPECT_NE(ReadFile("/tmp/regexp.json").find("xn--bcher-kva"), std::string::npos);
   MainDBExec("delete from blackwhite_table;");
-  const qsvtest::CtlResult imported = RunCtl({"spam", "blackwhite", "import", "--json", "/tmp/lists.json"});
+  const qsvtest::CtlResult imported =
+      RunCtl({"spam", "blackwhite", "import", "--json", "/tmp/lists.json"});
   EXPECT_EQ(imported.output, "imported 4 names\n");
   // The document has no client side: a client comes back as a recipient.
   EXPECT_EQ(RunCtl({"spam", "blackwhite", "list", "--verdict", "white", "--type", "to"}).output,
             "white to     account boss\nwhite to     address 192.0.2.7\ntotal: 2\n");
 
-  WriteFile("/tmp/old.txt", "from: old@example.com yes\nto: example.net YES\nfrom: no@example.com no\n");
+  WriteFile("/tmp/old.txt",
+            "from: old@example.com yes\nto: example.net YES\nfrom: no@example.com no\n");
   ASSERT_EQ(RunCtl({"spam", "blackwhite", "import", "--old", "black", "/tmp/old.txt"}).status, 0);
   EXPECT_EQ(RunCtl({"spam", "blackwhite", "list", "--verdict", "black"}).output,
             "black from   address old@example.com\nblack to     domain  example.net\ntotal: 2\n");
-  ASSERT_EQ(RunCtl({"spam", "blackwhite", "del", "black", "to", "domain", "example.net"}).status, 0);
+  ASSERT_EQ(RunCtl({"spam", "blackwhite", "del", "black", "to", "domain", "example.net"}).status,
+            0);
   EXPECT_EQ(RunCtl({"spam", "blackwhite", "list", "--name", "example.net"}).output, "total: 0\n");
 }
 
 TEST_F(MailserverctlSecurityTest, AccessRowsAnswerThroughPostmapAndImportBack) {
-  for (const std::vector<std::string> &args : std::vector<std::vector<std::string>>{
-           {"access", "add", "from", "*.spam.example", "reject"},
-           {"access", "add", "from", "boss@example.com", "OK"},
-           {"access", "add", "from", "account", "bob", "DISCARD"},
-           {"access", "add", "client", "192.0.2.9", "REJECT"}}) {
+  for (const std::vector<std::string> &args :
+       std::vector<std::vector<std::string>>{{"access", "add", "from", "*.spam.example", "reject"},
+                                             {"access", "add", "from", "boss@example.com", "OK"},
+                                             {"access", "add", "from", "account", "bob", "DISCARD"},
+                                             {"access", "add", "client", "192.0.2.9", "REJECT"}}) {
     ASSERT_EQ(RunCtl(args).status, 0) << Line(args);
   }
   EXPECT_EQ(RunCtl({"access", "add", "from", "boss@example.com", "permit"}).output, "");

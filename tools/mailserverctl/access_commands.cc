@@ -9,9 +9,9 @@
 #include <list>
 
 #include "foundation/mailserver_db_schema.h"
-#include "security/access.h"
 #include "mailserverctl/error.h"
 #include "mailserverctl/list_input.h"
+#include "security/access.h"
 
 namespace mailserverctl {
 namespace {
@@ -131,8 +131,8 @@ int List(const std::vector<std::string> &args) {
   if (rest.size() > 2) return Usage();
   if (!rest.empty()) {
     if (rest[0] != "all" && rest[0] != "sender" && rest[0] != "recipient" && rest[0] != "client") {
-      return Error("unknown word " + Quoted(rest[0]) + ": access list takes all, sender, "
-                   "recipient or client");
+      return Error("unknown word " + Quoted(rest[0]) +
+                   ": access list takes all, sender, recipient or client");
     }
     filter.type = rest[0];
   }
@@ -210,7 +210,8 @@ int ImportOrExport(const std::vector<std::string> &args) {
   Access *access = Instance();
   if (access == nullptr) return 1;
   const PrivateCopy copy(text);
-  if (copy.path().empty()) return Error(std::string("cannot copy the map aside: ") + strerror(errno));
+  if (copy.path().empty())
+    return Error(std::string("cannot copy the map aside: ") + strerror(errno));
   if (access->importAccess(type, copy.path()) != 0) {
     return Error("cannot import " + Quoted(path) + " (see the system log); nothing was imported");
   }

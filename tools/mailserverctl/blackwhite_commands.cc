@@ -10,10 +10,10 @@
 
 #include "foundation/files.h"
 #include "foundation/mailserver_db_schema.h"
-#include "security/list_document.h"
-#include "security/spam.h"
 #include "mailserverctl/error.h"
 #include "mailserverctl/list_input.h"
+#include "security/list_document.h"
+#include "security/spam.h"
 
 namespace mailserverctl {
 namespace {
@@ -26,13 +26,6 @@ int Usage() {
   return 2;
 }
 
-bool VerdictWord(const std::string &word, BlackWhiteType &verdict) {
-  if (word == "black") verdict = BLACK_WHITE_BLACKLIST;
-  else if (word == "white") verdict = BLACK_WHITE_WHITELIST;
-  else return false;
-  return true;
-}
-
 const char *VerdictName(int verdict) {
   switch (verdict) {
     case BLACK_WHITE_BLACKLIST: return "black";
@@ -40,6 +33,16 @@ const char *VerdictName(int verdict) {
     case BLACK_WHITE_KNOWN: return "known";
     default: return "?";
   }
+}
+
+bool VerdictWord(const std::string &word, BlackWhiteType &verdict) {
+  for (const BlackWhiteType each : {BLACK_WHITE_BLACKLIST, BLACK_WHITE_WHITELIST}) {
+    if (word == VerdictName(each)) {
+      verdict = each;
+      return true;
+    }
+  }
+  return false;
 }
 
 Spam *Instance() {
@@ -80,9 +83,7 @@ std::string ParseRow(const std::vector<std::string> &words, BlackWhite &row) {
   return why;
 }
 
-std::string ListWord(int verdict) {
-  return std::string("the ") + VerdictName(verdict) + " list";
-}
+std::string ListWord(int verdict) { return std::string("the ") + VerdictName(verdict) + " list"; }
 
 int Add(Spam &spam, const BlackWhite &row) {
   BlackWhite before{};
@@ -121,12 +122,13 @@ int List(const std::vector<std::string> &args) {
   bool haveType = false, haveVerdict = false, haveName = false;
   for (size_t i = 0; i < rest.size(); i += 2) {
     const std::string &option = rest[i];
-    bool *seen = option == "--type" ? &haveType : option == "--verdict" ? &haveVerdict
-                                                 : option == "--name"   ? &haveName
-                                                                        : nullptr;
+    bool *seen = option == "--type"      ? &haveType
+                 : option == "--verdict" ? &haveVerdict
+                 : option == "--name"    ? &haveName
+                                         : nullptr;
     if (seen == nullptr) {
-      return Error("unknown word " + Quoted(option) + ": spam blackwhite list takes --type, "
-                   "--verdict, --name, --offset and --limit");
+      return Error("unknown word " + Quoted(option) +
+                   ": spam blackwhite list takes --type, --verdict, --name, --offset and --limit");
     }
     if (*seen) return Error(option + " is given twice");
     *seen = true;
@@ -168,8 +170,9 @@ std::string DocumentRefusal(const std::string &path, const std::string &text, si
   }
   std::list<BlackWhite> rows;
   if (!ListDocumentRows(doc, rows)) {
-    return Quoted(path) + " is not of the form {\"blacklist\": {\"from\": {\"address\": [NAME, "
-           "...], ...}, ...}, ...}";
+    return Quoted(path) +
+           " is not of the form {\"blacklist\": {\"from\": {\"address\": [NAME, ...], "
+           "...}, ...}, ...}";
   }
   for (const BlackWhite &row : rows) {
     std::string why = ListNameRefusal(row.name);
@@ -199,10 +202,12 @@ int Import(const std::vector<std::string> &args) {
   Spam *spam = Instance();
   if (spam == nullptr) return 1;
   const PrivateCopy copy(text);
-  if (copy.path().empty()) return Error(std::string("cannot copy the list aside: ") + strerror(errno));
-  const int rc = json ? spam->importBlackWhite(copy.path())
-                      : spam->importOldBlackWhite(verdict, copy.path());
-  if (rc != 0) return Error("cannot import " + Quoted(path) + " (see the system log); nothing was imported");
+  if (copy.path().empty())
+    return Error(std::string("cannot copy the list aside: ") + strerror(errno));
+  const int rc =
+      json ? spam->importBlackWhite(copy.path()) : spam->importOldBlackWhite(verdict, copy.path());
+  if (rc != 0)
+    return Error("cannot import " + Quoted(path) + " (see the system log); nothing was imported");
   if (json) printf("imported %zu names\n", names);
   return 0;
 }
@@ -256,8 +261,8 @@ int BlackWhiteCommand(const std::vector<std::string> &args) {
   if (word == "import") return Import(args);
   if (word == "export") return Export(args);
   if (word == "add" || word == "del" || word.empty()) return Usage();
-  return Error("unknown word " + Quoted(word) + ": spam blackwhite takes add, del, list, import "
-               "or export");
+  return Error("unknown word " + Quoted(word) +
+               ": spam blackwhite takes add, del, list, import or export");
 }
 
 }  // namespace mailserverctl

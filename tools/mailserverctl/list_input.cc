@@ -21,7 +21,8 @@ bool Control(unsigned char c) { return c < 0x20 || c == 0x7f; }
 
 // A decimal number from `min` to INT_MAX, nothing else.
 bool Count(const std::string &text, int min, int &number) {
-  if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+  if (text.empty() || text.size() > 10 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
     return false;
   }
   const long long value = std::stoll(text);
@@ -38,19 +39,23 @@ std::string Directory(const std::string &path) {
 }  // namespace
 
 bool SideWord(const std::string &word, Type &type) {
-  if (word == "from") type = TYPE_FROM;
-  else if (word == "to") type = TYPE_TO;
-  else if (word == "client") type = TYPE_CLIENT;
-  else return false;
-  return true;
+  for (const Type each : {TYPE_FROM, TYPE_TO, TYPE_CLIENT}) {
+    if (word == SideName(each)) {
+      type = each;
+      return true;
+    }
+  }
+  return false;
 }
 
 bool KindWord(const std::string &word, NameType &kind) {
-  if (word == "account") kind = NAME_TYPE_ACCOUNT;
-  else if (word == "address") kind = NAME_TYPE_ADDRESS;
-  else if (word == "domain") kind = NAME_TYPE_DOMAIN;
-  else return false;
-  return true;
+  for (const NameType each : {NAME_TYPE_ACCOUNT, NAME_TYPE_ADDRESS, NAME_TYPE_DOMAIN}) {
+    if (word == KindName(each)) {
+      kind = each;
+      return true;
+    }
+  }
+  return false;
 }
 
 const char *SideName(int type) {
@@ -160,10 +165,13 @@ std::string ReadImportText(const std::string &path, size_t maxSize, std::string 
   ssize_t got = 0;
   while (why.empty() && (got = read(fd, buffer, sizeof(buffer))) != 0) {
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) why = "cannot read " + Quoted(path) + ": " + strerror(errno);
-    else text.append(buffer, static_cast<size_t>(got));
+    if (got < 0)
+      why = "cannot read " + Quoted(path) + ": " + strerror(errno);
+    else
+      text.append(buffer, static_cast<size_t>(got));
     // It may have grown since it was looked at.
-    if (text.size() > maxSize) why = Quoted(path) + " is larger than " + std::to_string(maxSize) + " bytes";
+    if (text.size() > maxSize)
+      why = Quoted(path) + " is larger than " + std::to_string(maxSize) + " bytes";
   }
   close(fd);
   if (!why.empty()) return why;
@@ -173,7 +181,8 @@ std::string ReadImportText(const std::string &path, size_t maxSize, std::string 
     if (end == std::string::npos) end = text.size();
     const std::string line = text.substr(start, end - start);
     const std::string where = Quoted(path) + " line " + std::to_string(number) + ": ";
-    if (line.size() >= kMaxLine) return where + "longer than " + std::to_string(kMaxLine) + " bytes";
+    if (line.size() >= kMaxLine)
+      return where + "longer than " + std::to_string(kMaxLine) + " bytes";
     for (unsigned char c : line) {
       if (Control(c) && c != '\t' && c != '\r') return where + "a control character";
     }

@@ -18,10 +18,10 @@
 #include "foundation/files.h"
 #include "foundation/mailserver_db_schema.h"
 #include "foundation/utf8.h"
-#include "security/spam.h"
 #include "mailserverctl/blackwhite_commands.h"
 #include "mailserverctl/error.h"
 #include "mailserverctl/list_input.h"
+#include "security/spam.h"
 
 namespace mailserverctl {
 namespace {
@@ -92,9 +92,11 @@ std::string Text(const Spam &spam, const std::string &key) {
 bool ParseScore(const std::string &text, float &score) {
   const size_t digits = !text.empty() && text[0] == '-' ? 1 : 0;
   const size_t dot = text.find('.');
-  const std::string whole = text.substr(digits, dot == std::string::npos ? std::string::npos : dot - digits);
+  const std::string whole =
+      text.substr(digits, dot == std::string::npos ? std::string::npos : dot - digits);
   const std::string part = dot == std::string::npos ? "" : text.substr(dot + 1);
-  if (whole.empty() || whole.size() > 4 || whole.find_first_not_of("0123456789") != std::string::npos ||
+  if (whole.empty() || whole.size() > 4 ||
+      whole.find_first_not_of("0123456789") != std::string::npos ||
       (dot != std::string::npos && (part.empty() || part.size() > 2 ||
                                     part.find_first_not_of("0123456789") != std::string::npos))) {
     return false;
@@ -108,15 +110,13 @@ bool ParseScore(const std::string &text, float &score) {
 // Why `text` can't be the value of `key`, or "".
 std::string ValueRefusal(const std::string &key, Kind kind, const std::string &text) {
   switch (kind) {
-    case Kind::kSwitch:
-      return text == "yes" || text == "no" ? "" : key + " takes yes or no";
+    case Kind::kSwitch: return text == "yes" || text == "no" ? "" : key + " takes yes or no";
     case Kind::kMechanism:
       return text == "0" || text == "1" || text == "2" ? "" : key + " takes 0, 1 or 2";
     case Kind::kScore: {
       float score;
-      return ParseScore(text, score) ? ""
-                                     : key + " takes a number from -1000 to 1000 with at most two "
-                                             "decimals, as in 5 or -0.5";
+      if (ParseScore(text, score)) return "";
+      return key + " takes a number from -1000 to 1000 with at most two decimals, as in 5 or -0.5";
     }
     case Kind::kSubject:
       // The configuration writer refuses a mark with a backslash; an empty one reads back as
@@ -158,8 +158,9 @@ int Apply(Spam &spam) {
     stored = stored && mailConfGet(setting.first, value) == 0 && value == Text(spam, setting.first);
   }
   if (stored) {
-    return Error("the settings are saved, but the spam filter's configuration writer failed (see "
-                 "its message above and the system log); the filter keeps its old configuration");
+    return Error(
+        "the settings are saved, but the spam filter's configuration writer failed (see its "
+        "message above and the system log); the filter keeps its old configuration");
   }
   return Error("the settings were not all saved (see the system log)");
 }
@@ -227,7 +228,8 @@ int RuleList(Spam &spam) {
   for (const std::string &file : spam.getSpamRuleFiles()) rules[file] = "disabled";
   for (const auto &flag : spam.getSpamRules()) {
     const bool file = rules.count(flag.first) != 0;
-    rules[flag.first] = std::string(flag.second ? "enabled" : "disabled") + (file ? "" : ", file missing");
+    rules[flag.first] =
+        std::string(flag.second ? "enabled" : "disabled") + (file ? "" : ", file missing");
   }
   for (const auto &rule : rules) {
     printf("%-40s %s\n", Shown(rule.first).c_str(), rule.second.c_str());
@@ -256,8 +258,9 @@ int RuleImport(Spam &spam, const std::string &path) {
   std::string flag;
   // An enabled rule is in the filter's configuration: its new text goes there now.
   if (replaces && RuleFlag(name, flag) && flag == "yes" && spam.GenerateConfig() != 0) {
-    return Error("rule " + Quoted(name) + " is replaced, but the configuration writer failed (see "
-                 "its message above); the filter keeps its old configuration");
+    return Error("rule " + Quoted(name) +
+                 " is replaced, but the configuration writer failed (see its message above); "
+                 "the filter keeps its old configuration");
   }
   return 0;
 }
@@ -269,7 +272,8 @@ int RuleEnable(Spam &spam, const std::string &name) {
   }
   std::string before;
   if (!RuleFlag(name, before)) return Error("cannot read the rule flags (see the system log)");
-  if (spam.enableRule(name) != 0) return Error("rule " + Quoted(name) + " was not enabled (see the system log)");
+  if (spam.enableRule(name) != 0)
+    return Error("rule " + Quoted(name) + " was not enabled (see the system log)");
   if (spam.GenerateConfig() == 0) return 0;
   if (before == "yes") {
     return Error("the configuration writer failed (see its message above); rule " + Quoted(name) +
@@ -278,11 +282,11 @@ int RuleEnable(Spam &spam, const std::string &name) {
   // A rule the writer refuses would fail every later write: it goes back to what it was.
   const int undone = before.empty() ? spam.deleteRule(name) : spam.disableRule(name);
   if (undone != 0) {
-    return Error("the configuration writer refused rule " + Quoted(name) + ", and its flag could "
-                 "not be put back (see the system log): disable it");
+    return Error("the configuration writer refused rule " + Quoted(name) +
+                 ", and its flag could not be put back (see the system log): disable it");
   }
-  return Error("the configuration writer refused rule " + Quoted(name) + " (see its message "
-               "above); it stays disabled");
+  return Error("the configuration writer refused rule " + Quoted(name) +
+               " (see its message above); it stays disabled");
 }
 
 // disable or delete.
@@ -294,15 +298,16 @@ int RuleChange(Spam &spam, const std::string &word, const std::string &name) {
     return Error("refused rule " + Quoted(name) + ": there is no such rule; nothing was changed");
   }
   if (word == "disable") {
-    if (spam.disableRule(name) != 0) return Error("rule " + Quoted(name) + " was not disabled (see the system log)");
+    if (spam.disableRule(name) != 0)
+      return Error("rule " + Quoted(name) + " was not disabled (see the system log)");
   } else {
     // The flag goes first: the writer must never meet an enabled rule without its file.
     if (!flag.empty() && spam.deleteRule(name) != 0) {
       return Error("rule " + Quoted(name) + " was not deleted (see the system log)");
     }
     if (file && unlink((kRulesDir + name).c_str()) != 0) {
-      return Error("the flag of rule " + Quoted(name) + " is deleted, but its file is not: " +
-                   strerror(errno));
+      return Error("the flag of rule " + Quoted(name) +
+                   " is deleted, but its file is not: " + strerror(errno));
     }
   }
   if (flag == "yes" && spam.GenerateConfig() != 0) {
@@ -320,8 +325,8 @@ int RuleCommand(const std::vector<std::string> &args) {
   }
   if (args.size() != 3) return Usage();
   if (word != "import" && word != "enable" && word != "disable" && word != "delete") {
-    return Error("unknown word " + Quoted(word) + ": spam rule takes list, import, enable, "
-                 "disable or delete");
+    return Error("unknown word " + Quoted(word) +
+                 ": spam rule takes list, import, enable, disable or delete");
   }
   if (word != "import") {
     const std::string why = RuleNameRefusal(args[2]);
@@ -347,9 +352,11 @@ int SpamCommand(const std::vector<std::string> &args) {
     return Set(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (word == "rule") return RuleCommand(args);
-  if (word == "blackwhite") return BlackWhiteCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  if (word == "blackwhite")
+    return BlackWhiteCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   if (word == "show" || word == "apply" || word == "set" || word.empty()) return Usage();
-  return Error("unknown word " + Quoted(word) + ": spam takes show, set, apply, rule or blackwhite");
+  return Error("unknown word " + Quoted(word) +
+               ": spam takes show, set, apply, rule or blackwhite");
 }
 
 }  // namespace mailserverctl
