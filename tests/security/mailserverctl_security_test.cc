@@ -111,6 +111,7 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
   ASSERT_EQ(RunCtl({"access", "add", "from", "kept.example", "REJECT"}).status, 0);
   WriteFile("/tmp/control.cf", std::string("score X 1\n\x01\n"));
   WriteFile("/tmp/latin1.cf", "# caf\xe9\n");
+  WriteFile("/tmp/secret.cf", "score X 1\n", 0600);
   symlink("/tmp/kept.cf", "/tmp/link.cf");
   WriteFile("/tmp/bad.json", "{\"blacklist\": ");
   WriteFile("/tmp/shape.json", "{\"blacklist\": []}");
@@ -139,6 +140,7 @@ TEST_F(MailserverctlSecurityTest, RefusedInputSaysWhyAndChangesNothing) {
       {{"spam", "rule", "import", "/tmp/link.cf"}, "is no regular file"},
       {{"spam", "rule", "import", "/tmp/control.cf"}, "line 2: a control character"},
       {{"spam", "rule", "import", "/tmp/latin1.cf"}, "line 1: not UTF-8 text"},
+      {{"spam", "rule", "import", "/tmp/secret.cf"}, "not readable by everyone"},
       {{"spam", "rule", "import", "/tmp/missing.cf"}, "No such file"},
       {{"spam", "rule", "enable", "../rules/kept.cf"}, "plain file name"},
       {{"spam", "rule", "enable", ".."}, "plain file name"},

@@ -144,7 +144,8 @@ std::string Shown(const std::string &text) {
   return checkValidUtf8(text) ? text : Quoted(text);
 }
 
-std::string ReadImportText(const std::string &path, size_t maxSize, std::string &text) {
+std::string ReadImportText(const std::string &path, size_t maxSize, std::string &text,
+                           unsigned *mode) {
   if (path.empty() || path[0] != '/') return Quoted(path) + " is no absolute path";
   // No link is followed and nothing but a regular file is read: a FIFO would wait, a device
   // could feed the import without end.
@@ -157,7 +158,10 @@ std::string ReadImportText(const std::string &path, size_t maxSize, std::string 
   std::string why;
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     why = Quoted(path) + " is no regular file";
-  } else if (static_cast<unsigned long long>(st.st_size) > maxSize) {
+  } else if (mode != nullptr) {
+    *mode = st.st_mode;
+  }
+  if (why.empty() && static_cast<unsigned long long>(st.st_size) > maxSize) {
     why = Quoted(path) + " is larger than " + std::to_string(maxSize) + " bytes";
   }
   text.clear();

@@ -45,9 +45,10 @@ std::string Shown(const std::string &text);
 
 // Reads `path` for an import: an absolute path of a regular file (not a link, a device or a
 // FIFO) of at most `maxSize` bytes, whose lines are UTF-8 text of at most 64 KiB without control
-// characters other than tabs and line ends. `text` gets the content. An error message naming the
-// file (and the line), or "".
-std::string ReadImportText(const std::string &path, size_t maxSize, std::string &text);
+// characters other than tabs and line ends. `text` gets the content and `mode`, when given, the
+// file's mode as it was read. An error message naming the file (and the line), or "".
+std::string ReadImportText(const std::string &path, size_t maxSize, std::string &text,
+                           unsigned *mode = nullptr);
 
 // Why `path` can't be written by an export, or "": it must be absolute, in an existing folder,
 // and not be anything but a regular file if it exists already.

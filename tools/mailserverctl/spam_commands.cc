@@ -245,7 +245,13 @@ int RuleImport(Spam &spam, const std::string &path) {
   std::string why = RuleNameRefusal(name);
   if (!why.empty()) return Error(why + "; nothing was imported");
   std::string text;
-  why = ReadImportText(path, kMaxRuleFile, text);
+  unsigned mode = 0;
+  why = ReadImportText(path, kMaxRuleFile, text, &mode);
+  // The copy is readable by everyone, as the filter must read it: a file kept from others (a
+  // secret handed over by mistake) stays where it is.
+  if (why.empty() && (mode & S_IROTH) == 0) {
+    why = Quoted(path) + " is not readable by everyone, as a rule file is (chmod o+r first)";
+  }
   if (!why.empty()) return Error(why + "; nothing was imported");
   const bool replaces = RuleFileThere(name);
   if (!replaces && spam.getSpamRuleFiles().size() >= kMaxRules) {
