@@ -13,6 +13,7 @@
 
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
+#include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "tables/tables_fixture.h"
 
@@ -21,40 +22,9 @@ namespace {
 const std::string kConfDir = "/var/packages/Quillon-Server/etc/mailconf.d/";
 const std::string kTransport = "/var/packages/Quillon-Server/target/etc/relay_transport";
 
-struct Result {
-  int status;
-  std::string output;  // stdout and stderr together
-};
+using Result = qsvtest::CtlResult;
 
-// Runs the tool of the build with `args` as they are, any bytes in them.
-Result Ctl(const std::vector<std::string> &args) {
-  std::string tool = std::string(getenv("QSV_BUILD_DIR")) + "/tools/mailserverctl";
-  std::vector<std::string> words(args);
-  std::vector<char *> argv{&tool[0]};
-  for (std::string &word : words) argv.push_back(&word[0]);
-  argv.push_back(nullptr);
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return {-1, ""};
-  const pid_t child = fork();
-  if (child == 0) {
-    const int null = open("/dev/null", O_RDONLY);
-    dup2(null, 0);
-    dup2(out[1], 1);
-    dup2(out[1], 2);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  Result result{-1, ""};
-  char piece[4096];
-  ssize_t n;
-  while ((n = read(out[0], piece, sizeof(piece))) > 0) result.output.append(piece, n);
-  close(out[0]);
-  int status = 0;
-  waitpid(child, &status, 0);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return result;
-}
+Result Ctl(const std::vector<std::string> &args) { return qsvtest::RunCtl(args); }
 
 // Every key file, and everything the commands below could change, as the tool itself lists it.
 std::string State() {
