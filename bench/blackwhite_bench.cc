@@ -158,29 +158,6 @@ void RawImport(benchmark::State &state) {
   sqlite3_close(db);
 }
 
-// The import's own way, raw: a statement text for each row, each compiled and run on its own.
-void RawImportEach(benchmark::State &state) {
-  sqlite3 *db = nullptr;
-  sqlite3_open(kDb, &db);
-  for (auto _ : state) {
-    state.PauseTiming();
-    ClearImported(db);
-    state.ResumeTiming();
-    const Json::Value doc = ReadDocument();
-    Exec(db, "BEGIN TRANSACTION;");
-    for (const Json::Value &name : doc["blacklist"]["to"]["address"]) {
-      char *sql = sqlite3_mprintf(
-          "insert or replace into blackwhite_table (name_type, name, type, blackwhite) values "
-          "('1', '%q', '1', '1');",
-          name.asCString());
-      Exec(db, sql);
-      sqlite3_free(sql);
-    }
-    Exec(db, "COMMIT TRANSACTION;");
-  }
-  sqlite3_close(db);
-}
-
 // Five repetitions: the median holds when another build shares the machine for a moment.
 #define QSV_BENCH(fn) BENCHMARK(fn)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true)
 QSV_BENCH(Page)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
@@ -191,7 +168,6 @@ QSV_BENCH(CountAll)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
 QSV_BENCH(RawCountAll)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
 QSV_BENCH(Import)->Unit(benchmark::kMillisecond)->Iterations(5);
 QSV_BENCH(RawImport)->Unit(benchmark::kMillisecond)->Iterations(5);
-QSV_BENCH(RawImportEach)->Unit(benchmark::kMillisecond)->Iterations(5);
 
 // 100,000 rows of senders and clients, both verdicts, all kinds, through one raw transaction;
 // and a document of 10,000 recipients' addresses.
@@ -238,8 +214,6 @@ int main(int argc, char **argv) {
                       "goal <= 1.2");
   reporter.PrintRatio("importBlackWhite, 10000 names / one raw transaction, one prepared insert",
                       "Import", "RawImport", "goal <= 1.5");
-  reporter.PrintRatio("importBlackWhite, 10000 names / one raw transaction, a statement a row",
-                      "Import", "RawImportEach");
   benchmark::Shutdown();
   for (const char *path : {kDb, kDocument}) unlink(path);
   return 0;

@@ -214,6 +214,29 @@ int DBHandler::ExecCmdList(const std::list<std::string> &statements, bool transa
   return RunList(statements, transaction, false);
 }
 
+int DBHandler::exeEach(const char *statement, size_t count,
+                       const std::function<void(sqlite3_stmt *, size_t)> &bind) {
+  if (beginTransaction() != SQLITE_OK) {
+    Rollback(true);
+    return errCode_;
+  }
+  sqlite3_stmt *prepared = nullptr;
+  errCode_ = sqlite3_prepare_v2(db_, statement, -1, &prepared, nullptr);
+  for (size_t row = 0; errCode_ == SQLITE_OK && row < count; ++row) {
+    bind(prepared, row);
+    errCode_ = sqlite3_step(prepared);
+    if (errCode_ == SQLITE_DONE) errCode_ = sqlite3_reset(prepared);
+  }
+  if (errCode_ != SQLITE_OK) {
+    maillog(3, "%s:%d sqlite3_exec fail, err=[%d], %s", QSV_FILE, __LINE__, errCode_,
+            sqlite3_errmsg(db_));
+  }
+  sqlite3_finalize(prepared);
+  if (errCode_ == SQLITE_OK && commitTransaction() == SQLITE_OK) return errCode_;
+  Rollback(true);
+  return errCode_;
+}
+
 int DBHandler::setBusyTimeout(int milliseconds) {
   if (db_ == nullptr) return -1;
   errCode_ = sqlite3_busy_timeout(db_, milliseconds);

@@ -137,7 +137,10 @@ class QSV_EXPORT Spam {
   int SetRuleStatus(const std::string &name, const char *status);
   int RuleStatusWalk(bool enabledOnly, std::list<std::string> &names);
   bool queryBlackWhiteData(const std::string &statement, std::list<BlackWhite> &out);
-  int ExecuteEach(const std::list<BlackWhite> &rows, const char *format, const char *failure);
+  // `format` is the statement of one row as text, which sets the limit of a row's size; `bound` is
+  // the same statement with ?1 name type, ?2 name, ?3 side and ?4 verdict, which is what runs.
+  int ExecuteEach(const std::list<BlackWhite> &rows, const char *format, const char *bound,
+                  const char *failure);
 
   static Spam *_spam;
 

@@ -76,6 +76,20 @@ TEST_F(DBHandlerTest, TransactionalBatchIsAllOrNothing) {
   EXPECT_EQ(db.ExecCmdList(duplicate, true), SQLITE_CONSTRAINT);
   EXPECT_EQ(db.getErrCode(), SQLITE_CONSTRAINT);
   EXPECT_EQ(db.GetTableDataCount("item"), 2);
+
+  // One statement for many rows: a clash on the third row takes the first two back with it.
+  const char *names[] = {"c", "d", "a"};
+  const auto bind = [&names](sqlite3_stmt *insert, size_t i) {
+    sqlite3_bind_text(insert, 1, names[i], -1, SQLITE_STATIC);
+    sqlite3_bind_int(insert, 2, static_cast<int>(i));
+  };
+  EXPECT_EQ(db.exeEach("insert into item values (?1, ?2);", 3, bind), SQLITE_CONSTRAINT);
+  EXPECT_FALSE(db.isInTran());
+  EXPECT_EQ(db.GetTableDataCount("item"), 2);
+  EXPECT_EQ(db.exeEach("insert into item values (?1, ?2);", 2, bind), 0);
+  EXPECT_EQ(db.GetTableDataCount("item"), 4);
+  EXPECT_EQ(db.exeEach("insert into no_such_table values (?1);", 1, bind), SQLITE_ERROR);
+  EXPECT_FALSE(db.isInTran());
 }
 
 TEST_F(DBHandlerTest, DisconnectCommitsAnOpenTransaction) {
