@@ -76,25 +76,62 @@ std::string GetQueryCmd(const Access::Filter &filter) {
       type, filter.name.c_str(), filter.limit, filter.offset);
 }
 
-// The map's regular expression of a stored name: dots taken literally, each "*" any run.
-std::string NameToPattern(const std::string &name) {
-  std::string pattern = name;
-  StrReplace(pattern, ".", "\\.");
-  StrReplace(pattern, "*", ".*");
-  // A slash would end the pattern early and make the rest of the name its flags and verdict.
-  StrReplace(pattern, "/", "\\/");
-  return pattern;
+// The map's regular expression of a stored name: each "*" any run, everything else literal.
+//
+// Two guards beyond the plain form "/name/" (a form whose import is still understood):
+// - every character the regular expression language gives a meaning is escaped, not only ".":
+//   an address such as "user+tag@example.com" would otherwise match other addresses and never
+//   itself, and a "(" or "[" would make the expression invalid and so the whole map unreadable;
+// - the pattern is anchored: an unanchored "/boss@example\.com/ OK" also lets in
+//   "theboss@example.com.attacker.test". A domain is anchored at the end and after the "@" (or at
+//   the start, for a client's host name), so it still matches every address of that domain.
+std::string NameToPattern(const std::string &name, NameType nameType) {
+  std::string body;
+  for (const char c : name) {
+    if (c == '*') {
+      body += ".*";
+    } else if (c != '\0' && strchr("\\^$.|?+()[]{}/", c) != nullptr) {
+      body += '\\';
+      body += c;
+    } else {
+      body += c;
+    }
+  }
+  switch (nameType) {
+    case NAME_TYPE_ACCOUNT:
+      return "^" + body + "@.*$";
+    case NAME_TYPE_DOMAIN:
+      return "(^|@)" + body + "$";
+    default:
+      return "^" + body + "$";
+  }
 }
 
-// The stored name of a map pattern: the inverse of NameToPattern, slashes dropped.
+// The stored name of a map pattern: slashes and anchors dropped, escapes undone, ".*" back to "*".
 std::string PatternToName(const std::string &word) {
-  std::string name = word;
-  if (name.size() > 2 && name.front() == '/' && name.back() == '/') {
-    name = name.substr(1, name.size() - 2);
+  std::string pattern = word;
+  if (pattern.size() > 2 && pattern.front() == '/' && pattern.back() == '/') {
+    pattern = pattern.substr(1, pattern.size() - 2);
   }
-  StrReplace(name, "\\/", "/");
-  StrReplace(name, ".*", "*");
-  StrReplace(name, "\\.", ".");
+  size_t begin = 0;
+  if (pattern.compare(0, 5, "(^|@)") == 0) {
+    begin = 5;
+  } else if (pattern.compare(0, 1, "^") == 0) {
+    begin = 1;
+  }
+  std::string name;
+  for (size_t i = begin; i < pattern.size(); ++i) {
+    if (pattern[i] == '\\' && i + 1 < pattern.size()) {
+      name += pattern[++i];
+    } else if (pattern[i] == '.' && i + 1 < pattern.size() && pattern[i + 1] == '*') {
+      name += '*';
+      ++i;
+    } else if (pattern[i] == '$' && i + 1 == pattern.size()) {
+      break;  // the end anchor; an escaped "$" was taken above
+    } else {
+      name += pattern[i];
+    }
+  }
   return name;
 }
 
@@ -281,8 +318,7 @@ int Access::exportAccess(Type type, const std::string &path) {
     const std::list<AccessInfo> page = getAccessList(type, offset, kExportPage);
     if (page.empty()) break;
     for (const AccessInfo &row : page) {
-      map += "/" + NameToPattern(row.name) + (row.nameType == NAME_TYPE_ACCOUNT ? "@.*/ " : "/ ");
-      map += StatusToStr(row.status);
+      map += "/" + NameToPattern(row.name, row.nameType) + "/ " + StatusToStr(row.status);
       map += "\n";
     }
   }

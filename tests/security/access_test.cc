@@ -85,22 +85,31 @@ TEST_F(AccessTest, ExportedMapAnswersThroughPostmapAndImportsBack) {
                                 {"boss@example.com", ACCESS_OK, TYPE_FROM, NAME_TYPE_ADDRESS},
                                 {"bob", ACCESS_DISCARD, TYPE_FROM, NAME_TYPE_ACCOUNT},
                                 {"odd/name@example.com", ACCESS_REJECT, TYPE_FROM, NAME_TYPE_ADDRESS},
+                                {"a+b(c[d@example.com", ACCESS_DISCARD, TYPE_FROM, NAME_TYPE_ADDRESS},
                                 {"weird.example", static_cast<AccessStatus>(9), TYPE_FROM, NAME_TYPE_DOMAIN},
                                 {"rcpt@example.com", ACCESS_OK, TYPE_TO, NAME_TYPE_ADDRESS}}),
             0);
   const std::string map = "/tmp/sender_access.regexp";
   ASSERT_EQ(access_->exportAccess(TYPE_FROM, map), 0);
   EXPECT_EQ(ReadText(map),
-            "/weird\\.example/ UNKNOWN\n"
-            "/odd\\/name@example\\.com/ REJECT\n"
-            "/boss@example\\.com/ OK\n"
-            "/bob@.*/ DISCARD\n"
-            "/.*\\.spam\\.example/ REJECT\n");
+            "/(^|@)weird\\.example$/ UNKNOWN\n"
+            "/^odd\\/name@example\\.com$/ REJECT\n"
+            "/^boss@example\\.com$/ OK\n"
+            "/^bob@.*$/ DISCARD\n"
+            "/^a\\+b\\(c\\[d@example\\.com$/ DISCARD\n"
+            "/(^|@).*\\.spam\\.example$/ REJECT\n");
   const std::string regexp = "regexp:" + map;
   EXPECT_EQ(qsvtest::PostmapQuery("host.spam.example", regexp), "REJECT");
+  EXPECT_EQ(qsvtest::PostmapQuery("user@host.spam.example", regexp), "REJECT");
+  EXPECT_EQ(qsvtest::PostmapQuery("user@weird.example", regexp), "UNKNOWN");
   EXPECT_EQ(qsvtest::PostmapQuery("boss@example.com", regexp), "OK");
   EXPECT_EQ(qsvtest::PostmapQuery("bob@anywhere.example", regexp), "DISCARD");
   EXPECT_EQ(qsvtest::PostmapQuery("odd/name@example.com", regexp), "REJECT");
+  // Regexp characters in a name are taken literally, and a name is no piece of a longer one.
+  EXPECT_EQ(qsvtest::PostmapQuery("a+b(c[d@example.com", regexp), "DISCARD");
+  EXPECT_EQ(qsvtest::PostmapQuery("aab(c[d@example.com", regexp), "");
+  EXPECT_EQ(qsvtest::PostmapQuery("theboss@example.com.attacker.test", regexp), "");
+  EXPECT_EQ(qsvtest::PostmapQuery("user@notweird.example", regexp), "");
   EXPECT_EQ(qsvtest::PostmapQuery("rcpt@example.com", regexp), "");
 
   MainDBExec("delete from access_table;");
@@ -108,13 +117,15 @@ TEST_F(AccessTest, ExportedMapAnswersThroughPostmapAndImportsBack) {
   // The unknown status stays out; the account comes back as an address pattern.
   EXPECT_EQ(Names(access_->getAccessList(TYPE_FROM, 0, 100)),
             "1/odd/name@example.com=REJECT 1/boss@example.com=OK 1/bob@*=DISCARD "
-            "2/*.spam.example=REJECT ");
+            "1/a+b(c[d@example.com=DISCARD 2/*.spam.example=REJECT ");
 
   // Lines of another shape pass; a bare first word is taken as it stands.
-  std::ofstream(map, std::ios::trunc) << "plain.example reject\n/x/ OK extra\n# comment\n\n/y/\n";
+  std::ofstream(map, std::ios::trunc)
+      << "plain.example reject\n/old\\.example/ OK\n/x/ OK extra\n# comment\n\n/y/\n";
   MainDBExec("delete from access_table;");
   ASSERT_EQ(access_->importAccess(TYPE_TO, map), 0);
-  EXPECT_EQ(Names(access_->getAccessList(TYPE_TO, 0, 100)), "2/plain.example=REJECT ");
+  EXPECT_EQ(Names(access_->getAccessList(TYPE_TO, 0, 100)),
+            "2/plain.example=REJECT 2/old.example=OK ");
   EXPECT_EQ(access_->importAccess(TYPE_TO, "/tmp"), -1);
 }
 
