@@ -90,6 +90,8 @@ const KeyRow kKeys[] = {
     {"postscreen_", "conf", {kPostfix}},
     {"greylist_", "conf", {kPostfix}},
     {"message_size_limit", "conf", {kPostfix}},
+    // Postfix's own reject_* words; the scanner's two below are exact rows, which win.
+    {"reject_", "conf", {kPostfix}},
     {"account_type", "conf", {kPostfix, kDovecot}},
     // IMAP and POP3
     {"imap_", "conf", {kDovecot}},
@@ -98,9 +100,22 @@ const KeyRow kKeys[] = {
     // content scanning
     {"spam_", "conf", {kSpam}},
     {"mailserver_rule_status-", "rule", {kSpam}},
-    {"mcp_rules", "conf", {kSpam}},
     {"av_", "conf", {kAntivirus}},
     {"antivirus_", "conf", {kAntivirus}},
+    {"anti_virus_", "conf", {kAntivirus}},
+    // The content scanner that runs the spam checks also judges dangerous content and applies
+    // the content protection rules.
+    {"mcp_", "conf", {kSpam}},
+    {"enable_dangerous_content_scan", "conf", {kSpam}},
+    {"reject_partial_message", "conf", {kSpam}},
+    {"reject_external_message_bodies", "conf", {kSpam}},
+    {"find_phishing_fraud", "conf", {kSpam}},
+    {"convert_html_to_text", "conf", {kSpam}},
+    {"allow_iframe_tags", "conf", {kSpam}},
+    {"allow_form_tags", "conf", {kSpam}},
+    {"allow_script_tags", "conf", {kSpam}},
+    {"allow_webbugs", "conf", {kSpam}},
+    {"allow_object_codebase_tags", "conf", {kSpam}},
 };
 
 struct ServiceRow {

@@ -52,8 +52,19 @@ TEST(KeyTreeStoreTest, FullNamesTreesServicesAndRoles) {
             std::vector<std::string>{"mailserver_service_postfix"});
   EXPECT_TRUE(store->getKeyServ("cluster_peers").empty());
   EXPECT_EQ(store->treeGet("mailserver_rule_status-a.cf"), "rule");
-  for (const char *key : {"mailserver_rule_status-a.cf", "spam_required_score"}) {
-    EXPECT_EQ(store->getKeyServ(key), std::vector<std::string>{"mailserver_service_spam"}) << key;
+  // The scanner's keys: its two reject_ keys are no Postfix settings, unlike the others.
+  const char *services[][3] = {
+      {"mailserver_rule_status-a.cf", "mailserver_service_spam", "rule"},
+      {"spam_required_score", "mailserver_service_spam", "conf"},
+      {"reject_partial_message", "mailserver_service_spam", "conf"},
+      {"reject_external_message_bodies", "mailserver_service_spam", "conf"},
+      {"allow_webbugs", "mailserver_service_spam", "conf"},
+      {"mcp_rules", "mailserver_service_spam", "conf"},
+      {"anti_virus_engine", "mailserver_service_antivirus", "conf"},
+      {"reject_unknown_sender_domain", "mailserver_service_postfix", "conf"}};
+  for (auto &s : services) {
+    EXPECT_EQ(store->getKeyServ(s[0]), std::vector<std::string>{s[1]}) << s[0];
+    EXPECT_EQ(store->treeGet(s[0]), s[2]) << s[0];
   }
   std::vector<std::string> balancer;
   ASSERT_TRUE(store->roleToServ(2, balancer));
