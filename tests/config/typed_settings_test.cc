@@ -15,6 +15,7 @@
 #include "config/postfix.h"
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
+#include "harness/cluster_nodes.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
 #include "harness/run_as.h"
@@ -294,6 +295,20 @@ TEST_F(TypedSettingsTest, ScannerDefaultsFormatsAndItsEngineScript) {
   EXPECT_EQ(Stored("spam_required_score"), "6.500000");
   EXPECT_EQ(Stored("spam_learn_threshold_spam"), "12.000000");
   EXPECT_EQ(Stored("allow_iframe_tags"), "no");
+
+  // A second save publishes only what changed. A time to live given behind the node's back
+  // (which the key watcher leaves alone) goes only with a new write of the key.
+  const std::string &password = cluster_->password();
+  for (const char *key : {"mailserver/conf/mcp_threshold", "mailserver/conf/anti_virus_action"}) {
+    qsvtest::StoreCommand(password, {"EXPIRE", key, "1000"});
+  }
+  scanner.Set("anti_virus_action", boost::any(Value<std::string>("quarantine")));
+  ASSERT_EQ(scanner.SaveSettings({}), 0);
+  EXPECT_EQ(qsvtest::StoreCommand(password, {"GET", "mailserver/conf/anti_virus_action"}),
+            "quarantine");
+  EXPECT_EQ(qsvtest::StoreCommand(password, {"TTL", "mailserver/conf/anti_virus_action"}), "-1");
+  EXPECT_GT(std::stoi(qsvtest::StoreCommand(password, {"TTL", "mailserver/conf/mcp_threshold"})),
+            0);
 
   // An empty store names clamav; another engine word runs nothing.
   mkdir("/var/packages/Quillon-Server/target/scripts/daemon", 0755);
