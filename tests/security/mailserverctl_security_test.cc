@@ -1,12 +1,14 @@
-// The spam filter and access table commands of mailserverctl as an administrator meets them: a
-// refused input says why, exits 1 and leaves the store, the rules folder and the tables exactly as
-// they were; what is accepted goes round through the real database, the store and postmap.
+// The content security commands of mailserverctl as an administrator meets them (spam filter,
+// access table, scanner settings, antivirus databases, quarantine index): a refused input says
+// why, exits 1 and leaves the store, the folders and the tables exactly as they were; what is
+// accepted goes round through the real databases, the store, the signature folders and postmap.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -17,6 +19,7 @@
 #include "core/mail_conf.h"
 #include "harness/mailserverctl_run.h"
 #include "harness/recording_script.h"
+#include "security/MCPDBHandler.h"
 #include "security/security_fixture.h"
 #include "tables/tables_fixture.h"
 
@@ -30,6 +33,9 @@ using qsvtest::WriteFile;
 const std::string kConfDir = "/var/packages/Quillon-Server/etc/mailconf.d/";
 const std::string kRules = "/var/packages/Quillon-Server/etc/rules/";
 const char kWriter[] = "/var/packages/Quillon-Server/target/bin/kolt_set_config";
+const std::string kClamav = "/var/packages/Quillon-Server/target/share/clamav";
+const char kAntiVirusStatus[] = "/tmp/QuillonServer.antivirus.status";
+const char kQuarantine[] = "/var/packages/Quillon-Server/etc/mcp_quarantine.db";
 
 std::string Line(const std::vector<std::string> &args) {
   std::string line;
@@ -376,6 +382,211 @@ TEST_F(MailserverctlSecurityTest, AccessRowsAnswerThroughPostmapAndImportBack) {
             "total: 3\n");
   ASSERT_EQ(RunCtl({"access", "del", "from", "bob@*"}).status, 0);
   EXPECT_EQ(RunCtl({"access", "list", "all", "bob"}).output, "total: 0\n");
+}
+
+// The refusals of `cases`, each a command and a piece of its message: exit 1, one line that says
+// why, and `state` as it was.
+void ExpectRefused(const std::vector<std::pair<std::vector<std::string>, std::string>> &cases,
+                   const std::function<std::string()> &state) {
+  const std::string before = state();
+  for (const auto &[args, why] : cases) {
+    const qsvtest::CtlResult result = RunCtl(args);
+    EXPECT_EQ(result.status, 1) << Line(args) << "\n" << result.output;
+    EXPECT_EQ(result.output.rfind("mailserverctl: ", 0), 0u) << Line(args) << "\n" << result.output;
+    EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
+    EXPECT_NE(result.output.find(why), std::string::npos) << Line(args) << "\n" << result.output;
+    EXPECT_EQ(state(), before) << Line(args);
+  }
+}
+
+TEST_F(MailserverctlSecurityTest, ScannerSettingsGoRoundAndARefusedValueWritesNothing) {
+  const std::vector<std::string> keys = {"spam_required_score", "mcp_threshold",
+                                         "allow_iframe_tags",   "anti_virus_enable",
+                                         "anti_virus_delete_template", "mcp_add_header_name"};
+  std::map<std::string, std::string> before;
+  for (const std::string &key : keys) ASSERT_EQ(mailConfGet(key, before[key]), 0) << key;
+  const qsvtest::CtlResult set =
+      RunCtl({"scanner", "set", "spam_required_score", "6.5", "mcp_threshold", "40",
+              "allow_iframe_tags", "no", "anti_virus_enable", "yes", "anti_virus_delete_template",
+              "Deleted.\nBye", "mcp_add_header_name", "X-Held"});
+  ASSERT_EQ(set.status, 0) << set.output;
+  std::string stored;
+  ASSERT_EQ(mailConfGet("spam_required_score", stored), 0);
+  EXPECT_EQ(stored, "6.500000");
+  ASSERT_EQ(mailConfGet("anti_virus_delete_template", stored), 0);
+  EXPECT_EQ(stored, "Deleted.\nBye");
+  // Every key on a line of its own: a text with line ends is shown quoted.
+  const std::string shown = RunCtl({"scanner", "show"}).output;
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 52) << shown;
+  for (const auto &[key, value] : std::vector<std::pair<std::string, std::string>>{
+           {"spam_required_score", "6.500000"},
+           {"mcp_threshold", "40"},
+           {"allow_iframe_tags", "no"},
+           {"anti_virus_enable", "yes"},
+           {"anti_virus_delete_template", "\"Deleted.\\x0aBye\""},
+           {"anti_virus_engine", "clamav  (default)"}}) {
+    const std::string line = key + std::string(43 - key.size(), ' ') + value + "\n";
+    EXPECT_NE(shown.find(line), std::string::npos) << line << shown;
+  }
+
+  ExpectRefused(
+      {
+          {{"scanner", "set", "mcp_threshold", "41", "no_such_key", "1"},
+           "no scanner setting is called \"no_such_key\""},
+          {{"scanner", "set", "anti_virus_enable", "true"}, "anti_virus_enable takes yes or no"},
+          {{"scanner", "set", "mcp_threshold", "41", "allow_form_tags", "maybe"},
+           "allow_form_tags takes yes or no"},
+          {{"scanner", "set", "mcp_threshold", "4x"}, "takes a whole number"},
+          {{"scanner", "set", "mcp_threshold", "-1"}, "takes 0 or more"},
+          {{"scanner", "set", "spam_rule_update_hour", "24"}, "takes 0 to 23"},
+          {{"scanner", "set", "spam_learn_threshold_spam", "nan"}, "takes a number"},
+          {{"scanner", "set", "spam_required_score", "5.125"}, "at most two decimals"},
+          {{"scanner", "set", "anti_virus_engine", "/bin/sh"}, "clamav or koltav-mcafee"},
+          {{"scanner", "set", "mcp_add_header_value", "x\r\nBcc: all@example.com"},
+           "one line of text"},
+          {{"scanner", "set", "mcp_add_header_name", "X Held:"}, "a header name"},
+          {{"scanner", "set", "mcp_forward_to", "nobody"}, "NAME@DOMAIN"},
+          {{"scanner", "set", "mcp_threshold", "42", "mcp_threshold", "43"}, "given twice"},
+          {{"scanner", "reset"}, "unknown word"},
+      },
+      [] { return Folder(kConfDir); });
+
+  // A stored value that would load as another is named, not shown.
+  ASSERT_EQ(mailConfSet("mcp_threshold", "12x", true, 0), 0);
+  const qsvtest::CtlResult damaged = RunCtl({"scanner", "show"});
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_NE(damaged.output.find("mcp_threshold holds \"12x\""), std::string::npos)
+      << damaged.output;
+  for (const auto &[key, value] : before) EXPECT_EQ(mailConfSet(key, value, true, 0), 0) << key;
+}
+
+TEST_F(MailserverctlSecurityTest, AntiVirusStatusCountAndExtraSignaturesOnRealFiles) {
+  const std::string extra = kClamav + "/extrasigs";
+  // The antivirus suite leaves its sets behind.
+  for (const std::string &dir : {extra, kClamav}) {
+    DIR *handle = opendir(dir.c_str());
+    while (const dirent *entry = handle != nullptr ? readdir(handle) : nullptr) {
+      unlink((dir + "/" + entry->d_name).c_str());
+    }
+    if (handle != nullptr) closedir(handle);
+  }
+  WriteFile(extra + "/local.hdb", "aa:1:Sig.A\nbb:2:Sig.B\n");
+  WriteFile(extra + "/local.ndb", "Sig.C:0:*:414243\n");
+  unlink(kAntiVirusStatus);
+  qsvtest::RecordingScript clamdscan("/var/packages/Quillon-Server/target/bin/clamdscan", 0);
+
+  EXPECT_EQ(RunCtl({"av", "status"}).output, "1\n");
+  EXPECT_EQ(RunCtl({"av", "count"}).output, "0\n");
+  ASSERT_EQ(RunCtl({"av", "extra-load"}).status, 0);
+  EXPECT_EQ(ReadFile(kClamav + "/local.hdb"), "aa:1:Sig.A\nbb:2:Sig.B\n");
+  EXPECT_EQ(RunCtl({"av", "count"}).output, "3\n");
+  ASSERT_EQ(RunCtl({"av", "extra-unload"}).status, 0);
+  EXPECT_EQ(ReadFile(extra + "/local.ndb"), "Sig.C:0:*:414243\n");
+  EXPECT_EQ(RunCtl({"av", "count"}).output, "0\n");
+  // No daemon runs: a reload has nothing to do, and runs nothing.
+  EXPECT_EQ(RunCtl({"av", "reload"}).status, 0);
+  EXPECT_TRUE(clamdscan.Calls().empty());
+  unlink((extra + "/local.hdb").c_str());
+  unlink((extra + "/local.ndb").c_str());
+  const qsvtest::CtlResult none = RunCtl({"av", "extra-load"});
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.output.find("extrasigs holds none"), std::string::npos) << none.output;
+
+  WriteFile(kAntiVirusStatus, "{\"status\":4}\n");
+  ExpectRefused({{{"av", "clear", "0"}, "a status is a number from 1 to 5"},
+                 {{"av", "clear", "6"}, "a status is a number from 1 to 5"},
+                 {{"av", "clear", "2x"}, "a status is a number from 1 to 5"},
+                 {{"av", "clear", "-2"}, "a status is a number from 1 to 5"},
+                 {{"av", "purge"}, "unknown word \"purge\""}},
+                [] { return ReadFile(kAntiVirusStatus); });
+  ASSERT_EQ(RunCtl({"av", "clear", "3"}).status, 0);  // 3 doesn't end 4
+  EXPECT_EQ(RunCtl({"av", "status"}).output, "4\n");
+  ASSERT_EQ(RunCtl({"av", "clear", "2"}).status, 0);
+  EXPECT_NE(access(kAntiVirusStatus, F_OK), 0);
+  EXPECT_EQ(RunCtl({"av", "status"}).output, "1\n");
+  WriteFile(kAntiVirusStatus, "{\"status\":");
+  const qsvtest::CtlResult broken = RunCtl({"av", "status"});
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_NE(broken.output.find("cannot read the antivirus status file"), std::string::npos);
+  unlink(kAntiVirusStatus);
+}
+
+MCPRecord Held(const std::string &id, const std::string &sender, const std::string &receivers,
+               int64_t time, const std::string &subject, int score, uint64_t size) {
+  return {id, sender, receivers, "20261123", time, subject, "card number", "/q/" + id, score,
+          "store", size};
+}
+
+TEST_F(MailserverctlSecurityTest, QuarantineIsSearchedAndDeletedByIdsThatStay) {
+  unlink(kQuarantine);
+  {
+    MCPDBHandler index;
+    const MCPRecord twice =
+        Held("m2", "B@example.com", "x@example.com", 200, "hello world", 120, 5000);
+    ASSERT_EQ(index.Insert({Held("m1", "a@xn--bcher-kva.example",
+                                "x@example.com y@xn--bcher-kva.example", 100, "invoice", 50, 1000),
+                            twice,
+                            Held("m3", "c@example.com", "z@example.com", 300, "report", 90, 200)}),
+              0);
+    ASSERT_EQ(index.Insert(twice), 0);  // the same mail indexed twice
+  }
+  // ID, message id, time, score, size, sender, recipients, subject, path; the second row of m2
+  // shows the ID of its first.
+  std::map<std::string, std::string> row = {
+      {"m1",
+       "1\tm1\t100\t50\t1000\ta@bücher.example\tx@example.com y@bücher.example\tinvoice\t/q/m1\n"},
+      {"m2", "2\tm2\t200\t120\t5000\tB@example.com\tx@example.com\thello world\t/q/m2\n"},
+      {"m3", "3\tm3\t300\t90\t200\tc@example.com\tz@example.com\treport\t/q/m3\n"}};
+  const std::vector<std::pair<std::vector<std::string>, std::string>> found = {
+      {{"list"}, row["m1"] + row["m2"] + row["m2"] + row["m3"] + "total: 4\n"},
+      {{"list", "--offset", "1", "--limit", "2"}, row["m2"] + row["m2"] + "total: 4\n"},
+      {{"search", "--sender", "b@EXAMPLE.com"}, row["m2"] + row["m2"] + "total: 2\n"},
+      {{"search", "--sender", "example.com"}, "total: 0\n"},
+      {{"search", "--receiver", "y@xn--bcher-kva.example"}, row["m1"] + "total: 1\n"},
+      {{"search", "--receiver", "x@example.com", "--direction", "desc", "--offset", "1"},
+       row["m2"] + row["m1"] + "total: 3\n"},
+      {{"search", "--subject", "hello world"}, row["m2"] + row["m2"] + "total: 2\n"},
+      {{"search", "--score-from", "60", "--score-to", "100"}, row["m3"] + "total: 1\n"},
+      {{"search", "--received-from", "150", "--size-to", "4000"}, row["m3"] + "total: 1\n"},
+      {{"search", "--text", "bücher"}, row["m1"] + "total: 1\n"},
+      {{"search", "--order", "score", "--direction", "desc", "--limit", "1"},
+       row["m2"] + "total: 4\n"},
+  };
+  for (const auto &[args, output] : found) {
+    std::vector<std::string> command = {"quarantine"};
+    command.insert(command.end(), args.begin(), args.end());
+    const qsvtest::CtlResult result = RunCtl(command);
+    EXPECT_EQ(result.status, 0) << Line(command) << "\n" << result.output;
+    EXPECT_EQ(result.output, output) << Line(command);
+  }
+
+  ExpectRefused(
+      {
+          {{"quarantine", "search", "--order", "score; delete from mcp_quarantine_table"},
+           "a column is one of"},
+          {{"quarantine", "search", "--order", "rowid"}, "a column is one of"},
+          {{"quarantine", "search", "--direction", "desc, sender"}, "a direction is asc or desc"},
+          {{"quarantine", "search", "--score-to", "0"}, "from 1 to 4294967295"},
+          {{"quarantine", "search", "--size-from", "-5"}, "a whole number from 1"},
+          {{"quarantine", "search", "--received-from", "1e3"}, "a whole number from 0"},
+          {{"quarantine", "search", "--text", "x", "--score-from", "1"}, "--text searches alone"},
+          {{"quarantine", "search", "--score-from", "100", "--score-to", "50"}, "is above"},
+          {{"quarantine", "search", "--sender", "a\x1b[2J@example.com"}, "control character"},
+          {{"quarantine", "search", "--sender", "x", "--sender", "y"}, "given twice"},
+          {{"quarantine", "search", "--colour", "red"}, "unknown word"},
+          {{"quarantine", "list", "--sender", "x"}, "takes --offset and --limit"},
+          {{"quarantine", "delete", "2", "x2"}, "refused ID \"x2\""},
+          {{"quarantine", "delete", "-1"}, "refused ID \"-1\""},
+          {{"quarantine", "delete", "99999999999999999999"}, "refused ID"},
+          {{"quarantine", "delete", "2", "99"}, "no quarantined mail with ID 99"},
+      },
+      [] { return RunCtl({"quarantine", "list"}).output; });
+
+  // Both rows of the mail go; the others keep their IDs.
+  ASSERT_EQ(RunCtl({"quarantine", "delete", "2"}).status, 0);
+  EXPECT_EQ(RunCtl({"quarantine", "list"}).output, row["m1"] + row["m3"] + "total: 2\n");
+  ASSERT_EQ(RunCtl({"quarantine", "delete", "3", "1"}).status, 0);
+  EXPECT_EQ(RunCtl({"quarantine", "list"}).output, "total: 0\n");
 }
 
 }  // namespace

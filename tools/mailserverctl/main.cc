@@ -26,6 +26,9 @@
 //   mailserverctl relay host|client|export ...   (see relay_commands.h)
 //   mailserverctl spam show|set|apply|rule|blackwhite ...   (see spam_commands.h)
 //   mailserverctl access add|del|list|import|export ...     (see access_commands.h)
+//   mailserverctl scanner show|set ...                       (see scanner_commands.h)
+//   mailserverctl av status|reload|extra-load|extra-unload|count|clear ...   (scanner_commands.h)
+//   mailserverctl quarantine list|search|delete ...          (see quarantine_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -40,7 +43,9 @@
 #include "mailserverctl/conf_commands.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/one_node_setup.h"
+#include "mailserverctl/quarantine_commands.h"
 #include "mailserverctl/relay_commands.h"
+#include "mailserverctl/scanner_commands.h"
 #include "mailserverctl/settings_commands.h"
 #include "mailserverctl/spam_commands.h"
 #include "mailserverctl/table_commands.h"
@@ -94,7 +99,14 @@ int Usage() {
           "       mailserverctl spam set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl spam rule list|import|enable|disable|delete ...\n"
           "       mailserverctl spam blackwhite add|del|list|import|export ...\n"
-          "       mailserverctl access add|del|list|import|export ...\n");
+          "       mailserverctl access add|del|list|import|export ...\n"
+          "       mailserverctl scanner show\n"
+          "       mailserverctl scanner set KEY VALUE [KEY VALUE ...]\n"
+          "       mailserverctl av status|reload|extra-load|extra-unload|count\n"
+          "       mailserverctl av clear STATUS\n"
+          "       mailserverctl quarantine list [--offset N] [--limit N]\n"
+          "       mailserverctl quarantine search [OPTION...] [--offset N] [--limit N]\n"
+          "       mailserverctl quarantine delete ID...\n");
   return 2;
 }
 
@@ -175,6 +187,16 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "access") {
     return mailserverctl::AccessCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "scanner") {
+    return mailserverctl::ScannerCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "av") {
+    return mailserverctl::AntiVirusCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "quarantine") {
+    return mailserverctl::QuarantineCommand(
+        std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "quota" || command == "attachment") {
     const std::string word = args.size() >= 2 ? args[1] : "";

@@ -1,20 +1,16 @@
 #include "mailserverctl/settings_commands.h"
 
-#include <cerrno>
-#include <climits>
 #include <cstdio>
-#include <cstdlib>
 #include <map>
 
 #include "cluster/mailserver_cluster.h"
-#include "config/mail_conf.h"
 #include "config/postfix.h"
-#include "core/mail_conf.h"
 #include "foundation/service_alive.h"
 #include "foundation/strings.h"
 #include "kolt/crypt.h"
 #include "mailserverctl/error.h"
 #include "mailserverctl/names.h"
+#include "mailserverctl/typed_settings.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::ServStatus;
@@ -32,56 +28,6 @@ bool Load(Postfix &postfix) {
   return false;
 }
 
-// The declaration of `name` among the keys of `config`, or null.
-const boost::any *Declaration(Config &config, const std::string &name) {
-  for (const boost::any &key : config.GetKeyList()) {
-    if (config.GetKeyName(key) == name) return &key;
-  }
-  return nullptr;
-}
-
-bool IsPortKey(const std::string &name) {
-  return name.size() > 5 && name.compare(name.size() - 5, 5, "_port") == 0;
-}
-
-// A decimal int, optionally negative, and nothing else: no blanks, no sign '+', no rest.
-bool WholeNumber(const std::string &text, int &number) {
-  const size_t digits = !text.empty() && text[0] == '-' ? 1 : 0;
-  if (text.size() == digits || text.size() > digits + 10 ||
-      text.find_first_not_of("0123456789", digits) != std::string::npos) {
-    return false;
-  }
-  const long long value = std::stoll(text);
-  if (value < INT_MIN || value > INT_MAX) return false;
-  number = static_cast<int>(value);
-  return true;
-}
-
-// `text` as the value of key `name` of the declared type, or an empty any with `why` set.
-boost::any Typed(const boost::any &declaration, const std::string &name, const std::string &text,
-                 std::string &why) {
-  int number = 0;
-  if (declaration.type() == typeid(Key<bool>)) {
-    if (text == "yes" || text == "no") return Value<bool>(text == "yes");
-    why = name + " takes yes or no";
-  } else if (declaration.type() == typeid(Key<int>) && IsPortKey(name)) {
-    if (ParsePort(text, number)) return Value<int>(number);
-    why = name + " takes a port, a number from 1 to 65535";
-  } else if (declaration.type() == typeid(Key<int>)) {
-    if (WholeNumber(text, number)) return Value<int>(number);
-    why = name + " takes a whole number from " + std::to_string(INT_MIN) + " to " +
-          std::to_string(INT_MAX);
-  } else if (declaration.type() == typeid(Key<double>)) {
-    char *end = nullptr;
-    const double value = strtod(text.c_str(), &end);
-    if (!text.empty() && *end == '\0') return Value<double>(value);
-    why = name + " takes a number";
-  } else {
-    return Value<std::string>(text);
-  }
-  return boost::any();
-}
-
 // Why loading would not read `text` as the numbered domains, or "". An entry without '/' is
 // passed over when it is read, so it passes here too.
 std::string MultiDomainRefusal(const std::string &text) {
@@ -94,27 +40,6 @@ std::string MultiDomainRefusal(const std::string &text) {
     }
   }
   return "";
-}
-
-std::string Text(const boost::any &declaration, const boost::any &value, bool &isDefault) {
-  if (declaration.type() == typeid(Key<bool>)) {
-    const bool v = boost::any_cast<Value<bool>>(value).value;
-    isDefault = v == boost::any_cast<Key<bool>>(declaration).defaultValue;
-    return v ? "yes" : "no";
-  }
-  if (declaration.type() == typeid(Key<int>)) {
-    const int v = boost::any_cast<Value<int>>(value).value;
-    isDefault = v == boost::any_cast<Key<int>>(declaration).defaultValue;
-    return std::to_string(v);
-  }
-  if (declaration.type() == typeid(Key<double>)) {
-    const double v = boost::any_cast<Value<double>>(value).value;
-    isDefault = v == boost::any_cast<Key<double>>(declaration).defaultValue;
-    return std::to_string(v);
-  }
-  const std::string v = boost::any_cast<Value<std::string>>(value).value;
-  isDefault = v == boost::any_cast<Key<std::string>>(declaration).defaultValue;
-  return v;
 }
 
 // After a save, the SMTP daemon takes up the new settings.
@@ -133,24 +58,13 @@ std::string StoredSettingRefusal(const std::string &key, const std::string &valu
     }
     return "";
   }
-  if (value.empty()) return "";  // reads as the default
-  Postfix postfix;                // for its declarations; nothing is loaded
-  const boost::any *declaration = Declaration(postfix, key);
-  std::string why;
-  if (declaration != nullptr) Typed(*declaration, key, value, why);
-  return why;
+  Postfix postfix;  // for its declarations; nothing is loaded
+  return TypeRefusal(postfix, key, value);
 }
 
 std::string DamagedSetting() {
   Postfix postfix;
-  for (const boost::any &key : postfix.GetKeyList()) {
-    const std::string name = postfix.GetKeyName(key);
-    std::string value;
-    if (mailConfGet(name, value) < 0) continue;  // reads as the default, logged by the load
-    const std::string why = StoredSettingRefusal(name, value);
-    if (!why.empty()) return name + " holds " + QuotedValue(name, value) + ", but " + why;
-  }
-  return "";
+  return DamagedKey(postfix, StoredSettingRefusal);
 }
 
 int SettingsShow() {
@@ -159,13 +73,9 @@ int SettingsShow() {
   if (!damaged.empty()) return Error(damaged);
   Postfix postfix;
   if (!Load(postfix)) return 1;
-  for (const boost::any &key : postfix.GetKeyList()) {
-    const std::string name = postfix.GetKeyName(key);
-    bool isDefault = false;
-    std::string text = Text(key, postfix.Get(name), isDefault);
-    if (name == kRelayPassword && !text.empty()) text = "********";
-    printf("%-42s %s%s\n", name.c_str(), text.c_str(), isDefault ? "  (default)" : "");
-  }
+  PrintSettings(postfix, [](const std::string &name, const std::string &text) {
+    return name == kRelayPassword && !text.empty() ? std::string("********") : text;
+  });
   return 0;
 }
 
@@ -173,21 +83,13 @@ int SettingsSet(const std::vector<std::string> &pairs) {
   Postfix postfix;
   // Every value is checked before anything is loaded or set, so that a wrong one writes nothing.
   std::map<std::string, boost::any> typed;
-  for (size_t i = 0; i + 1 < pairs.size(); i += 2) {
-    const std::string &name = pairs[i];
-    const std::string &text = pairs[i + 1];
-    const boost::any *declaration = Declaration(postfix, name);
-    if (declaration == nullptr) return Error("no SMTP setting is called " + Quoted(name));
-    std::string why = mailConfRefusal(name, text);
-    boost::any value;
-    if (why.empty()) value = Typed(*declaration, name, text, why);
-    if (why.empty() && name == kMultiDomain) why = MultiDomainRefusal(text);
-    if (!why.empty()) {
-      return Error("refused " + name + "=" + QuotedValue(name, text) + ": " + why +
-                   "; nothing was written");
-    }
-    typed[name] = value;
-  }
+  const std::string why = TypedPairs(
+      postfix, "SMTP", pairs,
+      [](const std::string &name, const std::string &text) {
+        return name == kMultiDomain ? MultiDomainRefusal(text) : std::string();
+      },
+      typed);
+  if (!why.empty()) return Error(why);
   if (!Load(postfix)) return 1;
   for (const auto &entry : typed) postfix.Set(entry.first, entry.second);
   if (postfix.SaveSettings({{"reload postfix", ReloadPostfix, "reload"}}) != 0) {

@@ -347,6 +347,12 @@ int RuleCommand(const std::vector<std::string> &args) {
 
 }  // namespace
 
+std::string SpamSettingRefusal(const std::string &key, const std::string &text) {
+  const auto setting = std::find_if(kSettings.begin(), kSettings.end(),
+                                    [&key](const auto &each) { return each.first == key; });
+  return setting == kSettings.end() ? "" : ValueRefusal(key, setting->second, text);
+}
+
 int SpamCommand(const std::vector<std::string> &args) {
   const std::string word = args.empty() ? "" : args[0];
   if (word == "show" && args.size() == 1) return Show();

@@ -31,6 +31,11 @@ namespace mailserverctl {
 // args: the words after "spam".
 int SpamCommand(const std::vector<std::string> &args);
 
+// Why `text` can't be the value of `key`, one of the nine settings above, by the rules of
+// `spam set`; "" when it can or when `key` is none of them. The content scanner's settings share
+// these keys, and the filter's configuration writer must be able to take what either writes.
+std::string SpamSettingRefusal(const std::string &key, const std::string &text);
+
 }  // namespace mailserverctl
 
 #endif  // MAILSERVER_TOOLS_MAILSERVERCTL_SPAM_COMMANDS_H_
