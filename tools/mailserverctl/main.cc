@@ -104,6 +104,7 @@ int Usage() {
           "       mailserverctl scanner set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl av status|reload|extra-load|extra-unload|count\n"
           "       mailserverctl av clear STATUS\n"
+          "       mailserverctl av service start|stop|restart|status\n"
           "       mailserverctl quarantine list [--offset N] [--limit N]\n"
           "       mailserverctl quarantine search [OPTION...] [--offset N] [--limit N]\n"
           "       mailserverctl quarantine delete ID...\n");

@@ -31,7 +31,8 @@ int Usage() {
           "usage: mailserverctl scanner show\n"
           "       mailserverctl scanner set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl av status|reload|extra-load|extra-unload|count\n"
-          "       mailserverctl av clear STATUS\n");
+          "       mailserverctl av clear STATUS\n"
+          "       mailserverctl av service start|stop|restart|status\n");
   return 2;
 }
 
@@ -168,6 +169,23 @@ int Clear(const std::string &text) {
   return 0;
 }
 
+// The engine's daemon through the library, which picks the script of the configured engine.
+int Service(const std::string &action) {
+  static const std::vector<std::string> kActions = {"start", "stop", "restart", "status"};
+  if (std::find(kActions.begin(), kActions.end(), action) == kActions.end()) {
+    return Error("unknown action " + Quoted(action) +
+                 ": av service takes start, stop, restart or status");
+  }
+  const int rc = MailScanner::AntiVirusService(action);
+  if (action == "status") {
+    printf("%s\n", rc == 0 ? "running" : "not running");
+    return rc == 0 ? 0 : 1;
+  }
+  return rc == 0 ? 0
+                 : Error("the virus scanner's daemon did not " + action +
+                         " (see the system log and the daemon's own log)");
+}
+
 }  // namespace
 
 int ScannerCommand(const std::vector<std::string> &args) {
@@ -183,12 +201,13 @@ int ScannerCommand(const std::vector<std::string> &args) {
 int AntiVirusCommand(const std::vector<std::string> &args) {
   const std::string word = args.empty() ? "" : args[0];
   if (word == "clear") return args.size() == 2 ? Clear(args[1]) : Usage();
+  if (word == "service") return args.size() == 2 ? Service(args[1]) : Usage();
   if (word.empty()) return Usage();
   static const std::vector<std::string> kWords = {"status", "count", "reload", "extra-load",
                                                  "extra-unload"};
   if (std::find(kWords.begin(), kWords.end(), word) == kWords.end()) {
     return Error("unknown word " + Quoted(word) +
-                 ": av takes status, reload, extra-load, extra-unload, count or clear");
+                 ": av takes status, reload, extra-load, extra-unload, count, clear or service");
   }
   if (args.size() != 1) return Usage();
   if (word == "status") {
