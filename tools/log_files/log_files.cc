@@ -9,6 +9,9 @@
 #include <cstring>
 #include <set>
 
+#include "logs/maillog.h"
+#include "logs/securityLog.h"
+
 namespace qsvlog {
 
 namespace {
@@ -162,9 +165,9 @@ bool LogDb::Prepare(Table table, std::string *error) {
       *error = path_ + " has no " + name;
       return false;
     }
-    const char *schema = table == Table::kSecurity ? kSecuritySchema
+    const char *schema = table == Table::kSecurity ? security_log::kSecurityLogSchema
                          : oldLayoutWanted_        ? kMailSchemaOldLayout
-                                                   : kMailSchema;
+                                                   : mail_log::kMailLogSchema;
     char *message = nullptr;
     if (sqlite3_exec(db_, schema, nullptr, nullptr, &message) != SQLITE_OK) {
       *error = "cannot create the table in " + path_ + ": " +

@@ -1,6 +1,6 @@
 // The mail and security log databases as the log tools write them: where the live files are, the
-// scripts that create them, the rows they hold, and a connection that adds rows. The library only
-// reads these files, so the scripts here are the ones every file of the suite was made with.
+// scripts that create them (the library's own, and the older layout of an archive), the rows they
+// hold, and a connection that adds rows.
 //
 // A LogDb owns its connection and its prepared insert and belongs to one thread; other processes
 // may read or write the same file at the same time, which is what the busy time-out is for.
@@ -21,20 +21,6 @@ inline constexpr char kLiveMailDb[] =
 inline constexpr char kLiveSecurityDb[] =
     "/var/packages/Quillon-Server/target/var/aggr_log/aggr_security_log.db";
 
-inline constexpr char kMailSchema[] =
-    "BEGIN TRANSACTION;"
-    "create table mail_log_table(message_id TEXT, queue_id TEXT, date INTEGER, mail_from TEXT, "
-    "mail_to TEXT, size INTEGER, status INTEGER, host TEXT, subject TEXT, ori_mail_to TEXT);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_message_id_idx ON mail_log_table (message_id);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_date_idx ON mail_log_table (date);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_mail_from_idx ON mail_log_table (mail_from);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_mail_to_idx ON mail_log_table (mail_to);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_size_idx ON mail_log_table (size);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_status_idx ON mail_log_table (status);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_subject_idx ON mail_log_table (subject);"
-    "CREATE INDEX IF NOT EXISTS mail_log_table_ori_mail_to_idx ON mail_log_table (ori_mail_to);"
-    "COMMIT TRANSACTION;";
-
 // Archives made before subjects and original recipients were kept.
 inline constexpr char kMailSchemaOldLayout[] =
     "BEGIN TRANSACTION;"
@@ -46,19 +32,6 @@ inline constexpr char kMailSchemaOldLayout[] =
     "CREATE INDEX IF NOT EXISTS mail_log_table_mail_to_idx ON mail_log_table (mail_to);"
     "CREATE INDEX IF NOT EXISTS mail_log_table_size_idx ON mail_log_table (size);"
     "CREATE INDEX IF NOT EXISTS mail_log_table_status_idx ON mail_log_table (status);"
-    "COMMIT TRANSACTION;";
-
-inline constexpr char kSecuritySchema[] =
-    "BEGIN TRANSACTION;"
-    "create table security_log_table(date INTEGER, src TEXT, type TEXT, event TEXT, host TEXT, "
-    "sender TEXT, recipient TEXT, subject TEXT);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_date_idx ON security_log_table (date);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_src_idx ON security_log_table (src);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_type_idx ON security_log_table (type);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_sender_idx ON security_log_table (sender);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_recipient_idx ON security_log_table "
-    "(recipient);"
-    "CREATE INDEX IF NOT EXISTS security_log_table_subject_idx ON security_log_table (subject);"
     "COMMIT TRANSACTION;";
 
 // The status column of the mail log.

@@ -29,6 +29,7 @@
 //   mailserverctl scanner show|set ...                       (see scanner_commands.h)
 //   mailserverctl av status|reload|extra-load|extra-unload|count|clear ...   (scanner_commands.h)
 //   mailserverctl quarantine list|search|delete ...          (see quarantine_commands.h)
+//   mailserverctl log|security-log count|list|search|filter|export ...   (see log_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -42,6 +43,7 @@
 #include "mailserverctl/alias_commands.h"
 #include "mailserverctl/conf_commands.h"
 #include "mailserverctl/file_commands.h"
+#include "mailserverctl/log_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/quarantine_commands.h"
 #include "mailserverctl/relay_commands.h"
@@ -107,7 +109,9 @@ int Usage() {
           "       mailserverctl av service start|stop|restart|status\n"
           "       mailserverctl quarantine list [--offset N] [--limit N]\n"
           "       mailserverctl quarantine search [OPTION...] [--offset N] [--limit N]\n"
-          "       mailserverctl quarantine delete ID...\n");
+          "       mailserverctl quarantine delete ID...\n"
+          "       mailserverctl log|security-log count [KEYWORD]\n"
+          "       mailserverctl log|security-log list|search|filter|export ...\n");
   return 2;
 }
 
@@ -197,6 +201,13 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "quarantine") {
     return mailserverctl::QuarantineCommand(
+        std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "log") {
+    return mailserverctl::MailLogCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "security-log") {
+    return mailserverctl::SecurityLogCommand(
         std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "quota" || command == "attachment") {
