@@ -166,6 +166,39 @@ show "$target/bin/clamdscan" --no-summary /tmp/demo-sample.txt || true
 show "$ctl" av count
 show "$ctl" av service stop
 
+step "The mail log: a month of traffic in the live file, the month before in the archive, Postfix's own lines added, one search over both in one date order, and the export rendered by a browser"
+aggr=$target/var/aggr_log
+gen="$1/tools/qsv-log-gen"
+show "$gen" --mail-db "$aggr/aggr_mail_log.db" --security-db "$aggr/aggr_security_log.db" \
+    --from 2026-10-01 --days 31 --rows 5000 --seed 7 --domains example.com \
+    --subject '<script>alert("pwned")</script> Invoice & more'
+show "$gen" --mail-db "$aggr//aggr_mail_log_main.db" --from 2026-09-01 --days 30 --rows 3000 --seed 8 \
+    --domains example.com
+# Lines as Postfix writes them, turned into rows by the package's writer.
+cat >/tmp/demo-postfix.log <<'LINES'
+Oct 31 23:50:01 mx1 postfix/smtpd[2101]: 7A1B2C3D4E: client=mail.partner.example[198.51.100.20]
+Oct 31 23:50:01 mx1 postfix/cleanup[2102]: 7A1B2C3D4E: message-id=<demo-1@partner.example>
+Oct 31 23:50:01 mx1 postfix/qmgr[2050]: 7A1B2C3D4E: from=<pat@partner.example>, size=4242, nrcpt=1 (queue active)
+Oct 31 23:50:02 mx1 postfix/local[2103]: 7A1B2C3D4E: to=<alice@example.com>, orig_to=<sales@example.com>, relay=local, delay=0.2, delays=0.1/0/0/0.1, dsn=2.0.0, status=sent (delivered to mailbox)
+Oct 31 23:50:02 mx1 postfix/qmgr[2050]: 7A1B2C3D4E: removed
+Oct 31 23:55:09 mx1 postfix/smtpd[2104]: NOQUEUE: reject: RCPT from unknown[203.0.113.9]: 554 5.7.1 <bob@example.com>: Relay access denied; from=<spam@bulk.example> to=<bob@example.com> proto=ESMTP helo=<bulk.example>
+LINES
+show "$1/tools/qsv-log-writer" --year 2026 /tmp/demo-postfix.log
+show "$ctl" log count
+show "$ctl" log search pat@partner.example
+show "$ctl" security-log search spam@bulk.example
+echo "Rows 2998 to 3003 by date: the last of September come from the archive, October's from the live file:"
+show "$ctl" log list --sort date --order asc --offset 2997 --limit 6 | cut -f1-4
+show "$ctl" log filter --status local-receive --date-from 2026-10-01 --date-to 2026-10-07 --count
+show "$ctl" log export --subject Invoice --output /tmp/demo-mail-log.html
+echo "The subject with markup, as the document holds it:"
+grep -o '<td align="center">&lt;script&gt;[^<]*</td>' /tmp/demo-mail-log.html | head -n 1
+chromium-headless-shell --no-sandbox --disable-gpu --hide-scrollbars --window-size=1400,400 \
+    --screenshot=/tmp/demo-mail-log.png file:///tmp/demo-mail-log.html >/dev/null 2>&1
+png_size=$(stat -c %s /tmp/demo-mail-log.png)
+echo "Rendered by Chromium into /tmp/demo-mail-log.png: $png_size bytes"
+[ "$png_size" -gt 1000 ] || { echo "UNEXPECTED: an empty rendering"; exit 1; }
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop

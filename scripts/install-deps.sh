@@ -8,7 +8,8 @@ PKGS="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
  libjsoncpp-dev libboost-dev libsqlite3-dev sqlite3 libssl-dev libmemcached-dev libcurl4-openssl-dev
  libgeoip-dev libhiredis-dev libidn2-dev
  redis-server redis-tools memcached postfix postfix-pcre dovecot-core iproute2 util-linux procps
- spamassassin spamd spamc clamav clamav-daemon clamdscan"
+ spamassassin spamd spamc clamav clamav-daemon clamdscan
+ chromium-headless-shell fonts-dejavu-core"
 
 missing=""
 for p in $PKGS; do

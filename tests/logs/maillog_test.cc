@@ -298,6 +298,41 @@ TEST_F(MailLogTest, ExportWritesEveryRowOnceAndValuesAsText) {
   EXPECT_EQ(log.Matching("write left body").size(), 1u);
 }
 
+// Postfix's own lines, turned into rows by the package's writer, answer the queries.
+TEST_F(MailLogTest, RowsWrittenFromPostfixLinesAreFound) {
+  std::ofstream("/tmp/postfix.log")
+      << "Oct 31 23:50:01 mx1 postfix/smtpd[2101]: 7A1B2C3D4E: client=mail.partner.example"
+         "[198.51.100.20]\n"
+         "Oct 31 23:50:01 mx1 postfix/cleanup[2102]: 7A1B2C3D4E: message-id=<demo-1@partner.example>\n"
+         "Oct 31 23:50:01 mx1 postfix/qmgr[2050]: 7A1B2C3D4E: from=<pat@partner.example>, "
+         "size=4242, nrcpt=1 (queue active)\n"
+         "Oct 31 23:50:02 mx1 postfix/local[2103]: 7A1B2C3D4E: to=<alice@example.com>, "
+         "orig_to=<sales@example.com>, relay=local, delay=0.2, delays=0.1/0/0/0.1, dsn=2.0.0, "
+         "status=sent (delivered to mailbox)\n"
+         "Oct 31 23:50:02 mx1 postfix/qmgr[2050]: 7A1B2C3D4E: removed\n"
+         "Oct 31 23:55:09 mx1 postfix/smtpd[2104]: NOQUEUE: reject: RCPT from unknown[203.0.113.9]: "
+         "554 5.7.1 <bob@example.com>: Relay access denied; from=<spam@bulk.example> "
+         "to=<bob@example.com> proto=ESMTP helo=<bulk.example>\n";
+  const std::string command = std::string(getenv("QSV_BUILD_DIR")) +
+                              "/tools/qsv-log-writer --year 2026 /tmp/postfix.log >/dev/null";
+  ASSERT_EQ(system(command.c_str()), 0);
+  MailLog mail(kLive);
+  std::vector<MailLogInfo> rows;
+  ASSERT_EQ(mail.search(10, 0, "date", "desc", "partner.example", rows), 0);
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_EQ(rows[0].mailFrom, "pat@partner.example");
+  EXPECT_EQ(rows[0].oriMailTo, "sales@example.com");
+  EXPECT_EQ(rows[0].status, mail_log::MAIL_STATUS_RECEIVE);
+  EXPECT_EQ(rows[0].size, 4242);
+  EXPECT_EQ(rows[0].dateTm.tm_mday, 31);
+  SecurityLog security(kSecurityLive);
+  std::vector<security_log::SecurityLogInfo> refused;
+  ASSERT_EQ(security.search(10, 0, "date", "desc", "bulk.example", refused), 0);
+  ASSERT_EQ(refused.size(), 1u);
+  EXPECT_EQ(refused[0].type, "reject");
+  EXPECT_EQ(refused[0].src, "203.0.113.9");
+}
+
 TEST(LogExportTest, SizesAndStatusWords) {
   using log_db_export::convertMailSize;
   EXPECT_EQ(convertMailSize(2048), "2KB");
