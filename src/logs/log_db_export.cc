@@ -76,22 +76,49 @@ void Begin(const Json::Value &texts, const char *fileName, const char *titleKey,
   fflush(stdout);
 }
 
-// One row of cells. Every value is escaped: subjects and addresses are chosen by whoever sends
-// mail, and as markup they would run as script in the browser of the administrator who opens the
-// export.
-void Row(const std::vector<std::string> &cells) {
-  printf("<tr>\n");
-  for (size_t i = 0; i < cells.size(); ++i) {
-    printf("<td align=\"center\">%s</td>%s", HtmlEscape(cells[i]).c_str(),
-           i + 1 == cells.size() ? "\n" : "");
+// Appends `text` with the five characters that carry meaning in HTML written as entities.
+void AppendEscaped(std::string &out, const char *text, size_t size) {
+  for (size_t i = 0; i < size; ++i) {
+    switch (text[i]) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      case '\'': out += "&#39;"; break;
+      default: out += text[i];
+    }
   }
-  printf("</tr>\n");
 }
 
-std::string Formatted(const struct tm &time, const char *format) {
+// Builds one row of cells and writes it whole. Every value is escaped: subjects and addresses
+// are chosen by whoever sends mail, and as markup they would run as script in the browser of the
+// administrator who opens the export.
+class RowWriter {
+ public:
+  void Begin() { line_.assign("<tr>\n"); }
+  void Cell(const std::string &value) { Cell(value.data(), value.size()); }
+  void Cell(const char *value, size_t size) {
+    if (!first_) line_ += "</td>";
+    first_ = false;
+    line_ += "<td align=\"center\">";
+    AppendEscaped(line_, value, size);
+  }
+  void End() {
+    line_ += "</td>\n</tr>\n";
+    fwrite(line_.data(), 1, line_.size(), stdout);
+    first_ = true;
+  }
+
+ private:
+  std::string line_;
+  bool first_ = true;
+};
+
+// A cell of the row's local time in `format`.
+void TimeCell(RowWriter &row, const struct tm &time, const char *format) {
   char buffer[64];
   const size_t n = strftime(buffer, sizeof(buffer), format, &time);
-  return std::string(buffer, n);
+  row.Cell(buffer, n);
 }
 
 void End() {
@@ -104,16 +131,7 @@ void End() {
 std::string HtmlEscape(const std::string &text) {
   std::string out;
   out.reserve(text.size());
-  for (const char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      case '\'': out += "&#39;"; break;
-      default: out += c;
-    }
-  }
+  AppendEscaped(out, text.data(), text.size());
   return out;
 }
 
@@ -129,9 +147,10 @@ std::string statusInt2Str(int status) {
 
 std::string convertMailSize(int bytes) {
   const float kilobytes = bytes * (1.0f / 1024);
-  std::ostringstream stream;
-  stream << kilobytes;
-  std::string text = stream.str();
+  // What a stream's default form gives, without building a stream for every row of an export.
+  char buffer[64];
+  snprintf(buffer, sizeof(buffer), "%g", static_cast<double>(kilobytes));
+  std::string text = buffer;
   // From a million kilobytes on, the default form is an exponent ("1.95312e+06"), which cut one
   // digit after its point would read as 1.9KB: such sizes are written out in full.
   if (text.find('e') != std::string::npos) {
@@ -154,10 +173,20 @@ void MaillogExportHandler::ExportBegin() {
 }
 
 void MaillogExportHandler::ExportBody(const std::vector<mail_log::MailLogInfo> &rows) {
+  RowWriter line;
   for (const mail_log::MailLogInfo &row : rows) {
-    Row({row.messageId, Formatted(row.dateTm, "%Y-%m-%d"), Formatted(row.dateTm, "%X"),
-         row.mailFrom, row.mailTo, row.oriMailTo, row.subject, convertMailSize(static_cast<int>(row.size)),
-         row.host, statusInt2Str(row.status)});
+    line.Begin();
+    line.Cell(row.messageId);
+    TimeCell(line, row.dateTm, "%Y-%m-%d");
+    TimeCell(line, row.dateTm, "%X");
+    line.Cell(row.mailFrom);
+    line.Cell(row.mailTo);
+    line.Cell(row.oriMailTo);
+    line.Cell(row.subject);
+    line.Cell(convertMailSize(static_cast<int>(row.size)));
+    line.Cell(row.host);
+    line.Cell(statusInt2Str(row.status));
+    line.End();
   }
   fflush(stdout);
 }
@@ -175,9 +204,16 @@ void SecurityLogExportHandler::ExportBegin() {
 }
 
 void SecurityLogExportHandler::ExportBody(const std::vector<security_log::SecurityLogInfo> &rows) {
+  RowWriter line;
   for (const security_log::SecurityLogInfo &row : rows) {
-    Row({Formatted(row.dateTm, "%Y-%m-%d"), Formatted(row.dateTm, "%X"), row.src, row.sender,
-         row.recipient, row.subject, row.type, row.host, row.event});
+    line.Begin();
+    TimeCell(line, row.dateTm, "%Y-%m-%d");
+    TimeCell(line, row.dateTm, "%X");
+    for (const std::string *cell : {&row.src, &row.sender, &row.recipient, &row.subject,
+                                    &row.type, &row.host, &row.event}) {
+      line.Cell(*cell);
+    }
+    line.End();
   }
   fflush(stdout);
 }

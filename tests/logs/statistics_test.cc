@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -17,6 +18,7 @@
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "foundation/round_time.h"
+#include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "logs/analysisLog.h"
 #include "logs/log_db.h"
@@ -60,6 +62,19 @@ long Local(int year, int month, int day, int hour = 0) {
   tm.tm_hour = hour;
   tm.tm_isdst = -1;
   return static_cast<long>(mktime(&tm));
+}
+
+// The width and height a PNG file's header gives; zeros when it is none.
+std::pair<unsigned, unsigned> PngSize(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  unsigned char header[24] = {};
+  in.read(reinterpret_cast<char *>(header), sizeof(header));
+  if (!in || header[1] != 'P' || header[2] != 'N' || header[3] != 'G') return {0, 0};
+  auto word = [&header](int at) {
+    return (unsigned{header[at]} << 24) | (unsigned{header[at + 1]} << 16) |
+           (unsigned{header[at + 2]} << 8) | header[at + 3];
+  };
+  return {word(16), word(20)};
 }
 
 void PinZone(const char *zone) {
@@ -166,6 +181,28 @@ TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
   EXPECT_EQ(one.time, Local(2026, 10, 20));
   EXPECT_EQ(one.sentCnt, 100);
   EXPECT_EQ(one.dayList.lists[0].size(), 5u);
+
+  // The same points drawn by the administrator's tool: a PNG of the size it asks gnuplot for.
+  const std::string at = std::to_string(t);
+  const qsvtest::CtlResult shown = qsvtest::RunCtl({"stats", "show", "day", "--at", at});
+  EXPECT_EQ(shown.status, 0) << shown.output;
+  EXPECT_EQ(std::count(shown.output.begin(), shown.output.end(), '\n'), 1 + 8 + 5);
+  for (const char *scale : {"hour", "day", "week", "month"}) {
+    const std::string png = std::string("/tmp/chart-") + scale + ".png";
+    const qsvtest::CtlResult drawn =
+        qsvtest::RunCtl({"stats", "chart", scale, "--png", png, "--at", at});
+    ASSERT_EQ(drawn.status, 0) << drawn.output;
+    EXPECT_EQ(PngSize(png), std::make_pair(1200u, 800u)) << scale;
+  }
+  for (const std::vector<std::string> &refused : std::vector<std::vector<std::string>>{
+           {"stats", "chart", "year", "--png", "/tmp/x.png"},
+           {"stats", "chart", "day", "--png", "x.png"},
+           {"stats", "chart", "day", "--png", "/tmp/x'; system('id').png"},
+           {"stats", "chart", "day"},
+           {"stats", "show", "day", "--at", "soon"}}) {
+    const qsvtest::CtlResult result = qsvtest::RunCtl(refused);
+    EXPECT_EQ(result.status, 1) << result.output;
+  }
 
   // The older sums name tables this layout doesn't have: a clean failure.
   qsvtest::SyslogCapture capture;

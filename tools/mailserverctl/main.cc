@@ -30,6 +30,7 @@
 //   mailserverctl av status|reload|extra-load|extra-unload|count|clear ...   (scanner_commands.h)
 //   mailserverctl quarantine list|search|delete ...          (see quarantine_commands.h)
 //   mailserverctl log|security-log count|list|search|filter|export ...   (see log_commands.h)
+//   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -50,6 +51,7 @@
 #include "mailserverctl/scanner_commands.h"
 #include "mailserverctl/settings_commands.h"
 #include "mailserverctl/spam_commands.h"
+#include "mailserverctl/stats_commands.h"
 #include "mailserverctl/table_commands.h"
 #include "mailserverctl/error.h"
 
@@ -111,7 +113,11 @@ int Usage() {
           "       mailserverctl quarantine search [OPTION...] [--offset N] [--limit N]\n"
           "       mailserverctl quarantine delete ID...\n"
           "       mailserverctl log|security-log count [KEYWORD]\n"
-          "       mailserverctl log|security-log list|search|filter|export ...\n");
+          "       mailserverctl log|security-log list|search|filter|export ...\n"
+          "       mailserverctl stats show|chart hour|day|week|month [--png FILE] [--at TIME]\n"
+          "       mailserverctl stats security --png FILE [--at TIME] [--days N]\n"
+          "       mailserverctl analysis top senders|recipients|sender-domains|"
+          "recipient-domains|refused ...\n");
   return 2;
 }
 
@@ -205,6 +211,12 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "log") {
     return mailserverctl::MailLogCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "stats") {
+    return mailserverctl::StatsCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "analysis") {
+    return mailserverctl::AnalysisCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "security-log") {
     return mailserverctl::SecurityLogCommand(
