@@ -149,4 +149,44 @@ std::string Text(sqlite3_stmt *row, int i) {
   return value != nullptr ? value : "";
 }
 
+int ClearTable(DBHandler &db, const char *table, const char *schema) {
+  char drop[kStatementSize];
+  sqlite3_snprintf(sizeof(drop), drop, "DROP TABLE %q;", table);
+  SQLCmd commands;
+  commands += drop;
+  commands += "VACUUM;";
+  commands += schema;
+  int rc;
+  ENTERCriticalSection;
+  rc = db.exeCmds(commands, false);
+  LEAVECriticalSection;
+  return rc;
+}
+
+bool AppendTotalCount(std::string &sql, const char *table, bool archive) {
+  sql += "SELECT SUM(cnt) from ( ";
+  if (archive && !Append(sql, kStatementSize, "SELECT COUNT(*) AS cnt FROM DB0.%q UNION ALL ", table)) {
+    return false;
+  }
+  return Append(sql, kStatementSize, "SELECT COUNT(*) as cnt FROM main.%q );", table);
+}
+
+bool AppendPage(std::string &sql, const char *table, bool archive, const std::string &sortColumn,
+                const std::string &sortOrder, int limit, int offset) {
+  if (archive && !Append(sql, kStatementSize, "SELECT * FROM DB0.%q UNION ALL ", table)) {
+    return false;
+  }
+  return Append(sql, kStatementSize, "SELECT * FROM main.%q ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
+                table, sortColumn.c_str(), sortOrder.c_str(), limit, offset);
+}
+
+bool AppendOrder(std::string &sql, const std::string &sortColumn, const std::string &sortOrder,
+                 int limit, int offset, bool allWhenNoLimit) {
+  if (allWhenNoLimit && limit == -1) {
+    return Append(sql, kStatementSize, " ORDER BY %s %s;", sortColumn.c_str(), sortOrder.c_str());
+  }
+  return Append(sql, kStatementSize, " ORDER BY %s %s LIMIT '%d' OFFSET '%d';", sortColumn.c_str(),
+                sortOrder.c_str(), limit, offset);
+}
+
 }  // namespace log_db

@@ -11,8 +11,10 @@
 #include <cstdarg>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "foundation/db_handler.h"
+#include "foundation/log.h"
 
 namespace log_db {
 
@@ -57,6 +59,47 @@ int Rows(DBHandler &db, const std::string &statement,
 
 // Column `i` as text; NULL reads as empty.
 std::string Text(sqlite3_stmt *row, int i);
+
+// Drops `table`, vacuums and makes it anew with `schema`, inside the critical section. The
+// SQLite result.
+int ClearTable(DBHandler &db, const char *table, const char *schema);
+
+// The statements both logs share, appended to `sql`; false (logged) when one would not fit.
+// The number of rows of both files:
+bool AppendTotalCount(std::string &sql, const char *table, bool archive);
+// A page of all rows of both files:
+bool AppendPage(std::string &sql, const char *table, bool archive, const std::string &sortColumn,
+                const std::string &sortOrder, int limit, int offset);
+// The order and page after a keyword SELECT; with `allWhenNoLimit`, a limit of -1 means no page.
+bool AppendOrder(std::string &sql, const std::string &sortColumn, const std::string &sortOrder,
+                 int limit, int offset, bool allWhenNoLimit);
+
+// Writes the rows of `statement` through an export handler: ExportBegin once it is prepared, the
+// rows in batches of a thousand, the rest, ExportEnd. `rowInfo` turns a row into what the
+// handler takes. 0, or -1 when the statement failed (the document is then unfinished).
+template <typename Info, typename Handler, typename RowInfo>
+int ExportRows(DBHandler &db, const std::string &statement, Handler &handler, RowInfo rowInfo,
+               const std::function<int(int)> &onError) {
+  constexpr size_t kBatch = 1000;
+  std::vector<Info> rows;
+  const int rc = Rows(
+      db, statement,
+      [&](sqlite3_stmt *row, int columns) {
+        rows.push_back(rowInfo(row, columns));
+        if (rows.size() == kBatch) {
+          handler.ExportBody(rows);
+          rows.clear();
+        }
+      },
+      onError, [&handler] { handler.ExportBegin(); });
+  if (rc != 0) return -1;
+  if (!rows.empty()) {
+    maillog(7, "%s:%d write left body", QSV_FILE, __LINE__);
+    handler.ExportBody(rows);
+  }
+  handler.ExportEnd();
+  return 0;
+}
 
 }  // namespace log_db
 

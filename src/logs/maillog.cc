@@ -26,7 +26,6 @@ const char kMailLogSchema[] =
 
 namespace {
 
-constexpr size_t kExportBatch = 1000;
 const char kCountColumns[] = "COUNT(*) AS cnt";
 
 // The UTF-8 form of a text with an encoded domain, so that it compares with what is stored.
@@ -95,34 +94,15 @@ int MailLog::Attached() {
 }
 
 int MailLog::clear() {
-  char drop[log_db::kStatementSize];
-  sqlite3_snprintf(sizeof(drop), drop, "DROP TABLE %q;", kMailLogTable);
-  SQLCmd commands;
-  commands += drop;
-  commands += "VACUUM;";
-  commands += kMailLogSchema;
-  int rc;
-  ENTERCriticalSection;
-  rc = db->exeCmds(commands, false);
-  LEAVECriticalSection;
-  if (rc == SQLITE_OK) return 0;
+  if (log_db::ClearTable(*db, kMailLogTable, kMailLogSchema) == SQLITE_OK) return 0;
   err = 1;
   return HandleError();
 }
 
 int MailLog::getLogNum() {
   const int archive = Attached();
-  if (archive < 0) return -1;
-  std::string sql = "SELECT SUM(cnt) from ( ";
-  if (archive > 0 &&
-      !log_db::Append(sql, log_db::kStatementSize, "SELECT COUNT(*) AS cnt FROM DB0.%q UNION ALL ",
-                      kMailLogTable)) {
-    return -1;
-  }
-  if (!log_db::Append(sql, log_db::kStatementSize, "SELECT COUNT(*) as cnt FROM main.%q );",
-                      kMailLogTable)) {
-    return -1;
-  }
+  std::string sql;
+  if (archive < 0 || !log_db::AppendTotalCount(sql, kMailLogTable, archive > 0)) return -1;
   return log_db::Count(*db, sql, [this](int rc) { return OnError(rc); });
 }
 
@@ -179,15 +159,9 @@ int MailLog::getLogNum(const MailLogFilter &filter) {
 int MailLog::load(int limit, int offset, const std::string &sortColumn,
                   const std::string &sortOrder, std::vector<MailLogInfo> &out) {
   const int archive = Attached();
-  if (archive < 0) return -1;
   std::string sql;
-  if (archive > 0 &&
-      !log_db::Append(sql, log_db::kStatementSize, "SELECT * FROM DB0.%q UNION ALL ", kMailLogTable)) {
-    return -1;
-  }
-  if (!log_db::Append(sql, log_db::kStatementSize,
-                      "SELECT * FROM main.%q ORDER BY %s %s LIMIT '%d' OFFSET '%d';", kMailLogTable,
-                      sortColumn.c_str(), sortOrder.c_str(), limit, offset)) {
+  if (archive < 0 ||
+      !log_db::AppendPage(sql, kMailLogTable, archive > 0, sortColumn, sortOrder, limit, offset)) {
     return -1;
   }
   return log_db::Rows(
@@ -214,10 +188,7 @@ int MailLog::search(int limit, int offset, const std::string &sortColumn,
   std::string sql = KeywordSelects(
       "* FROM %s.%q WHERE mail_from LIKE '%q' or mail_to LIKE '%q' or message_id LIKE '%q'",
       converted, pattern, &ok);
-  if (!ok || !log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
-                             sortColumn.c_str(), sortOrder.c_str(), limit, offset)) {
-    return -1;
-  }
+  if (!ok || !log_db::AppendOrder(sql, sortColumn, sortOrder, limit, offset, false)) return -1;
   return log_db::Rows(
       *db, sql, [&out](sqlite3_stmt *row, int columns) { out.push_back(RowInfo(row, columns)); },
       [this](int rc) { return OnError(rc); });
@@ -233,14 +204,7 @@ int MailLog::ExportLog(int limit, int offset, const std::string &sortColumn,
   std::string sql = KeywordSelects(
       "* FROM %s.%q WHERE mail_from LIKE '%q' or mail_to LIKE '%q' or message_id LIKE '%q'",
       pattern, pattern, &ok);
-  if (limit == -1) {
-    ok = ok && log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s;", sortColumn.c_str(),
-                              sortOrder.c_str());
-  } else {
-    ok = ok && log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
-                              sortColumn.c_str(), sortOrder.c_str(), limit, offset);
-  }
-  if (!ok) return -1;
+  if (!ok || !log_db::AppendOrder(sql, sortColumn, sortOrder, limit, offset, true)) return -1;
   return Export(sql, title);
 }
 
@@ -252,24 +216,8 @@ int MailLog::ExportLog(const MailLogFilter &filter, const std::string &title) {
 
 int MailLog::Export(const std::string &statement, const std::string &title) {
   log_db_export::MaillogExportHandler handler(title);
-  std::vector<MailLogInfo> rows;
-  const int rc = log_db::Rows(
-      *db, statement,
-      [&](sqlite3_stmt *row, int columns) {
-        rows.push_back(RowInfo(row, columns));
-        if (rows.size() == kExportBatch) {
-          handler.ExportBody(rows);
-          rows.clear();
-        }
-      },
-      [this](int code) { return OnError(code); }, [&handler] { handler.ExportBegin(); });
-  if (rc != 0) return -1;
-  if (!rows.empty()) {
-    maillog(7, "%s:%d write left body", QSV_FILE, __LINE__);
-    handler.ExportBody(rows);
-  }
-  handler.ExportEnd();
-  return 0;
+  return log_db::ExportRows<MailLogInfo>(*db, statement, handler, RowInfo,
+                                   [this](int code) { return OnError(code); });
 }
 
 std::string MailLog::composeCmd(const MailLogFilter &filter) {

@@ -23,7 +23,6 @@ const char kSecurityLogSchema[] =
 
 namespace {
 
-constexpr size_t kExportBatch = 1000;
 const char kCountColumns[] = "COUNT(*) AS cnt";
 
 std::string Utf8Form(const std::string &text) {
@@ -87,34 +86,15 @@ int SecurityLog::Attached() {
 }
 
 int SecurityLog::clear() {
-  char drop[log_db::kStatementSize];
-  sqlite3_snprintf(sizeof(drop), drop, "DROP TABLE %q;", kSecurityLogTable);
-  SQLCmd commands;
-  commands += drop;
-  commands += "VACUUM;";
-  commands += kSecurityLogSchema;
-  int rc;
-  ENTERCriticalSection;
-  rc = db->exeCmds(commands, false);
-  LEAVECriticalSection;
-  if (rc == SQLITE_OK) return 0;
+  if (log_db::ClearTable(*db, kSecurityLogTable, kSecurityLogSchema) == SQLITE_OK) return 0;
   err = 1;
   return HandleError();
 }
 
 int SecurityLog::getLogNum() {
   const int archive = Attached();
-  if (archive < 0) return -1;
-  std::string sql = "SELECT SUM(cnt) from ( ";
-  if (archive > 0 &&
-      !log_db::Append(sql, log_db::kStatementSize, "SELECT COUNT(*) AS cnt FROM DB0.%q UNION ALL ",
-                      kSecurityLogTable)) {
-    return -1;
-  }
-  if (!log_db::Append(sql, log_db::kStatementSize, "SELECT COUNT(*) as cnt FROM main.%q );",
-                      kSecurityLogTable)) {
-    return -1;
-  }
+  std::string sql;
+  if (archive < 0 || !log_db::AppendTotalCount(sql, kSecurityLogTable, archive > 0)) return -1;
   return log_db::Count(*db, sql, [this](int rc) { return OnError(rc); });
 }
 
@@ -159,17 +139,11 @@ int SecurityLog::getLogNum(const SecurityLogFilter &filter) {
 }
 
 int SecurityLog::load(int limit, int offset, const std::string &sortColumn,
-                      const std::string &sortOrder, std::vector<SecurityLogInfo> &out) {
+                  const std::string &sortOrder, std::vector<SecurityLogInfo> &out) {
   const int archive = Attached();
-  if (archive < 0) return -1;
   std::string sql;
-  if (archive > 0 && !log_db::Append(sql, log_db::kStatementSize, "SELECT * FROM DB0.%q UNION ALL ",
-                                     kSecurityLogTable)) {
-    return -1;
-  }
-  if (!log_db::Append(sql, log_db::kStatementSize,
-                      "SELECT * FROM main.%q ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
-                      kSecurityLogTable, sortColumn.c_str(), sortOrder.c_str(), limit, offset)) {
+  if (archive < 0 ||
+      !log_db::AppendPage(sql, kSecurityLogTable, archive > 0, sortColumn, sortOrder, limit, offset)) {
     return -1;
   }
   return log_db::Rows(
@@ -194,10 +168,7 @@ int SecurityLog::search(int limit, int offset, const std::string &sortColumn,
       "SELECT * FROM %s.%q WHERE src LIKE '%q' OR event LIKE '%q' OR sender LIKE '%q' OR "
       "recipient LIKE '%q'",
       " OR subject LIKE '%q'", "%" + keyword + "%", &ok);
-  if (!ok || !log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
-                             sortColumn.c_str(), sortOrder.c_str(), limit, offset)) {
-    return -1;
-  }
+  if (!ok || !log_db::AppendOrder(sql, sortColumn, sortOrder, limit, offset, false)) return -1;
   return log_db::Rows(
       *db, sql, [&out](sqlite3_stmt *row, int columns) { out.push_back(RowInfo(row, columns)); },
       [this](int rc) { return OnError(rc); });
@@ -213,14 +184,7 @@ int SecurityLog::ExportLog(int limit, int offset, const std::string &sortColumn,
   std::string sql =
       KeywordSelects("SELECT * FROM %s.%q WHERE src LIKE '%q' or event LIKE '%q'",
                      " or subject LIKE '%q'", "%" + keyword + "%", &ok);
-  if (limit == -1) {
-    ok = ok && log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s;", sortColumn.c_str(),
-                              sortOrder.c_str());
-  } else {
-    ok = ok && log_db::Append(sql, log_db::kStatementSize, " ORDER BY %s %s LIMIT '%d' OFFSET '%d';",
-                              sortColumn.c_str(), sortOrder.c_str(), limit, offset);
-  }
-  if (!ok) return -1;
+  if (!ok || !log_db::AppendOrder(sql, sortColumn, sortOrder, limit, offset, true)) return -1;
   return Export(sql, title);
 }
 
@@ -232,24 +196,8 @@ int SecurityLog::ExportLog(const SecurityLogFilter &filter, const std::string &t
 
 int SecurityLog::Export(const std::string &statement, const std::string &title) {
   log_db_export::SecurityLogExportHandler handler(title);
-  std::vector<SecurityLogInfo> rows;
-  const int rc = log_db::Rows(
-      *db, statement,
-      [&](sqlite3_stmt *row, int columns) {
-        rows.push_back(RowInfo(row, columns));
-        if (rows.size() == kExportBatch) {
-          handler.ExportBody(rows);
-          rows.clear();
-        }
-      },
-      [this](int code) { return OnError(code); }, [&handler] { handler.ExportBegin(); });
-  if (rc != 0) return -1;
-  if (!rows.empty()) {
-    maillog(7, "%s:%d write left body", QSV_FILE, __LINE__);
-    handler.ExportBody(rows);
-  }
-  handler.ExportEnd();
-  return 0;
+  return log_db::ExportRows<SecurityLogInfo>(*db, statement, handler, RowInfo,
+                                   [this](int code) { return OnError(code); });
 }
 
 std::string SecurityLog::composeCmd(const SecurityLogFilter &filter) {
