@@ -276,6 +276,51 @@ bool DateTerms(const std::map<std::string, std::string> &options, int64_t *from,
   return true;
 }
 
+// The calls of one log, over its own class, row type and filter.
+template <typename Log, typename Info, typename Filter>
+LogCommands Commands(const char *path, const std::set<std::string> &columns,
+                     const std::set<std::string> &terms,
+                     std::function<bool(const std::map<std::string, std::string> &, int *)> readTerms,
+                     Filter &filter) {
+  auto paged = [&filter](const Page &page, int limit) {
+    filter.limit = limit;
+    filter.offset = page.offset;
+    filter.sortColumn = page.sort;
+    filter.sortOrder = page.order;
+  };
+  return LogCommands{
+      columns, terms, readTerms,
+      [path](std::string *keyword) {
+        Log log(path);
+        return Counted(keyword != nullptr ? log.getLogNum(*keyword) : log.getLogNum());
+      },
+      [path](const Page &page, const std::string *keyword) {
+        Log log(path);
+        std::vector<Info> rows;
+        const int rc = keyword != nullptr
+                           ? log.search(page.limit, page.offset, page.sort, page.order, *keyword, rows)
+                           : log.load(page.limit, page.offset, page.sort, page.order, rows);
+        return Listed(rc, rows);
+      },
+      [path, &filter, paged](const Page &page, bool count) {
+        Log log(path);
+        paged(page, page.limit);
+        if (count) return Counted(log.getLogNum(filter));
+        std::vector<Info> rows;
+        return Listed(log.load(filter, rows), rows);
+      },
+      [path, &filter, paged](const Page &page, bool all, const std::string *keyword,
+                             const std::string &lang) {
+        Log log(path);
+        const int limit = all ? -1 : page.limit;
+        if (keyword != nullptr) {
+          return log.ExportLog(limit, page.offset, page.sort, page.order, *keyword, lang);
+        }
+        paged(page, limit);
+        return log.ExportLog(filter, lang);
+      }};
+}
+
 }  // namespace
 
 int MailLogCommand(const std::vector<std::string> &args) {
@@ -315,43 +360,10 @@ int MailLogCommand(const std::vector<std::string> &args) {
     }
     return DateTerms(options, &filter.dateFrom, &filter.dateTo, status);
   };
-  LogCommands commands{
-      kMailColumns, kMailTerms, readTerms,
-      [](std::string *keyword) {
-        mail_log::MailLog log(mail_log::kMailLogDBPath);
-        return Counted(keyword != nullptr ? log.getLogNum(*keyword) : log.getLogNum());
-      },
-      [](const Page &page, const std::string *keyword) {
-        mail_log::MailLog log(mail_log::kMailLogDBPath);
-        std::vector<mail_log::MailLogInfo> rows;
-        const int rc = keyword != nullptr
-                           ? log.search(page.limit, page.offset, page.sort, page.order, *keyword, rows)
-                           : log.load(page.limit, page.offset, page.sort, page.order, rows);
-        return Listed(rc, rows);
-      },
-      [&filter](const Page &page, bool count) {
-        mail_log::MailLog log(mail_log::kMailLogDBPath);
-        filter.limit = page.limit;
-        filter.offset = page.offset;
-        filter.sortColumn = page.sort;
-        filter.sortOrder = page.order;
-        if (count) return Counted(log.getLogNum(filter));
-        std::vector<mail_log::MailLogInfo> rows;
-        return Listed(log.load(filter, rows), rows);
-      },
-      [&filter](const Page &page, bool all, const std::string *keyword, const std::string &lang) {
-        mail_log::MailLog log(mail_log::kMailLogDBPath);
-        const int limit = all ? -1 : page.limit;
-        if (keyword != nullptr) {
-          return log.ExportLog(limit, page.offset, page.sort, page.order, *keyword, lang);
-        }
-        filter.limit = limit;
-        filter.offset = page.offset;
-        filter.sortColumn = page.sort;
-        filter.sortOrder = page.order;
-        return log.ExportLog(filter, lang);
-      }};
-  return Run(commands, args);
+  return Run(Commands<mail_log::MailLog, mail_log::MailLogInfo>(mail_log::kMailLogDBPath,
+                                                                 kMailColumns, kMailTerms,
+                                                                 readTerms, filter),
+             args);
 }
 
 int SecurityLogCommand(const std::vector<std::string> &args) {
@@ -367,43 +379,10 @@ int SecurityLogCommand(const std::vector<std::string> &args) {
     }
     return DateTerms(options, &filter.dateFrom, &filter.dateTo, status);
   };
-  LogCommands commands{
-      kSecurityColumns, kSecurityTerms, readTerms,
-      [](std::string *keyword) {
-        security_log::SecurityLog log(security_log::kSecurityLogDBPath);
-        return Counted(keyword != nullptr ? log.getLogNum(*keyword) : log.getLogNum());
-      },
-      [](const Page &page, const std::string *keyword) {
-        security_log::SecurityLog log(security_log::kSecurityLogDBPath);
-        std::vector<security_log::SecurityLogInfo> rows;
-        const int rc = keyword != nullptr
-                           ? log.search(page.limit, page.offset, page.sort, page.order, *keyword, rows)
-                           : log.load(page.limit, page.offset, page.sort, page.order, rows);
-        return Listed(rc, rows);
-      },
-      [&filter](const Page &page, bool count) {
-        security_log::SecurityLog log(security_log::kSecurityLogDBPath);
-        filter.limit = page.limit;
-        filter.offset = page.offset;
-        filter.sortColumn = page.sort;
-        filter.sortOrder = page.order;
-        if (count) return Counted(log.getLogNum(filter));
-        std::vector<security_log::SecurityLogInfo> rows;
-        return Listed(log.load(filter, rows), rows);
-      },
-      [&filter](const Page &page, bool all, const std::string *keyword, const std::string &lang) {
-        security_log::SecurityLog log(security_log::kSecurityLogDBPath);
-        const int limit = all ? -1 : page.limit;
-        if (keyword != nullptr) {
-          return log.ExportLog(limit, page.offset, page.sort, page.order, *keyword, lang);
-        }
-        filter.limit = limit;
-        filter.offset = page.offset;
-        filter.sortColumn = page.sort;
-        filter.sortOrder = page.order;
-        return log.ExportLog(filter, lang);
-      }};
-  return Run(commands, args);
+  return Run(Commands<security_log::SecurityLog, security_log::SecurityLogInfo>(
+                 security_log::kSecurityLogDBPath, kSecurityColumns, kSecurityTerms, readTerms,
+                 filter),
+             args);
 }
 
 }  // namespace mailserverctl
