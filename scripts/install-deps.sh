@@ -4,7 +4,7 @@
 set -eu
 
 PKGS="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
- libgtest-dev libgmock-dev googletest libbenchmark-dev
+ libgtest-dev libgmock-dev googletest libbenchmark-dev faketime
  libjsoncpp-dev libboost-dev libsqlite3-dev sqlite3 libssl-dev libmemcached-dev libcurl4-openssl-dev
  libgeoip-dev libhiredis-dev libidn2-dev
  redis-server redis-tools memcached postfix postfix-pcre dovecot-core iproute2 util-linux procps
