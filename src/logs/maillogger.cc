@@ -198,7 +198,11 @@ MailLogger::~MailLogger() {
   delete mailLogDB;
   delete securityLogDB;
   delete statisticDB;
-  if (securityStatisticDB != nullptr) KeptHandlers()->push_back(securityStatisticDB);
+  try {
+    if (securityStatisticDB != nullptr) KeptHandlers()->push_back(securityStatisticDB);
+  } catch (const std::bad_alloc &) {
+    // Out of memory at the end of a job: the handle is lost to the leak check, nothing more.
+  }
   // A lock is only held between an attach and its disconnect; a pass always ends both.
   for (int fd : {mailLockFd, securityLockFd}) {
     if (fd != -1) qvsFileUnlockByFile(fd);
@@ -260,38 +264,13 @@ int MailLogger::attachStatisticDB(DBHandler *db) {
     dbSelector = 3;
     return -1;
   }
-  int rc;
-  {
-    // Connecting creates the counters' file with its tables if it isn't there yet.
-    ENTERCriticalSection;
-    rc = statisticDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 3;
-    HandleDBError(*statisticDB, rc);
-    return -1;
-  }
+  // Connecting creates the counters' file with its tables if it isn't there yet.
+  if (Connect(statisticDB, 3) < 0) return -1;
   statisticDB->disconnect();
-  {
-    ENTERCriticalSection;
-    rc = db->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 3;
-    HandleDBError(*db, rc);
-    return -1;
-  }
-  db->setBusyTimeout(kBusyTimeoutMs);
+  if (Connect(db, 3) < 0) return -1;
   SQLCmd cmds;
   cmds += kStatisticAttach;
-  {
-    ENTERCriticalSection;
-    rc = db->exeCmds(cmds, false);
-    LEAVECriticalSection;
-  }
-  if (rc != SQLITE_OK) {
+  if (RunCmds(db, cmds, false) < 0) {
     dbSelector = 3;
     maillog(3, "%s:%d Encounter error when attach statistic databases", QSV_FILE, __LINE__);
     return -1;
@@ -328,24 +307,9 @@ int MailLogger::attachLogDBs(DBHandler *db, MailStatus status, TimeScale scale) 
     cmds += statement;
     attached = 1;
   }
-  int rc;
-  {
-    ENTERCriticalSection;
-    rc = db->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    HandleDBError(*db, rc);
-    return -1;
-  }
-  db->setBusyTimeout(kBusyTimeoutMs);
+  if (Connect(db, SelectorOf(db)) < 0) return -1;
   if (cmds.empty()) return 0;
-  {
-    ENTERCriticalSection;
-    rc = db->exeCmds(cmds, false);
-    LEAVECriticalSection;
-  }
-  if (rc != SQLITE_OK) {
+  if (RunCmds(db, cmds, false) < 0) {
     maillog(3, "%s:%d Encounter error when attach databases", QSV_FILE, __LINE__);
     return -1;
   }
@@ -420,6 +384,28 @@ void MailLogger::disconnectLogDB(DBHandler *db, MailStatus status) {
     return;
   }
   lockFd = -1;
+}
+
+int MailLogger::SelectorOf(const DBHandler *db) const {
+  if (db == mailLogDB) return 1;
+  if (db == securityLogDB) return 2;
+  return db == statisticDB ? 3 : 4;
+}
+
+int MailLogger::Connect(DBHandler *db, int selector) {
+  int rc;
+  {
+    ENTERCriticalSection;
+    rc = db->connect();
+    LEAVECriticalSection;
+  }
+  if (rc != 0) {
+    dbSelector = selector;
+    HandleDBError(*db, rc);
+    return -1;
+  }
+  db->setBusyTimeout(kBusyTimeoutMs);
+  return 0;
 }
 
 int MailLogger::RunCmds(DBHandler *db, const SQLCmd &cmds, bool transaction) {
@@ -632,19 +618,10 @@ int MailLogger::getTop5NumOtherScale(const long &hour, MailStatus status,
     PadTopList(out);
     return -1;
   }
-  int rc;
-  {
-    ENTERCriticalSection;
-    rc = statisticDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 3;
-    HandleDBError(*statisticDB, rc);
+  if (Connect(statisticDB, 3) < 0) {
     PadTopList(out);
     return -1;
   }
-  statisticDB->setBusyTimeout(kBusyTimeoutMs);
   char sql[log_db::kStatementSize];
   sqlite3_snprintf(sizeof(sql), sql,
                    "SELECT name, SUM(num) as cnt FROM %q WHERE type=%d AND time>=%ld AND time<%ld "
@@ -702,17 +679,7 @@ int MailLogger::composeInsertCmd(SQLCmd &cmds, const long &t, const StatisticCou
 int MailLogger::saveStatistic(const long &t, const StatisticCount &count) {
   if (removeOldLog() < 0) return -1;
   if (statisticDB == nullptr) return -1;
-  int rc;
-  {
-    ENTERCriticalSection;
-    rc = statisticDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 3;
-    HandleDBError(*statisticDB, rc);
-    return -1;
-  }
+  if (Connect(statisticDB, 3) < 0) return -1;
   SQLCmd cmds;
   int result = 0;
   for (TimeScale scale : {statistic_log::TIME_SCALE_HOUR, statistic_log::TIME_SCALE_DAY,
@@ -736,17 +703,7 @@ int MailLogger::removeOldLog() {
     statisticDB->disconnect();
     return 0;
   }
-  int rc;
-  {
-    ENTERCriticalSection;
-    rc = statisticDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 3;
-    HandleDBError(*statisticDB, rc);
-    return -1;
-  }
+  if (Connect(statisticDB, 3) < 0) return -1;
   struct Cut {
     const char *table;
     long age;

@@ -123,10 +123,16 @@ class QSV_EXPORT MailLogger {
   int HandleError();
 
  private:
+  // The selector of one of the four handles.
+  int SelectorOf(const DBHandler *db) const;
+  // Connects inside the critical section and sets the busy time-out. 0, or -1 with `selector`
+  // set and the failure handled.
+  int Connect(DBHandler *db, int selector);
+  // Runs `cmds` inside the critical section; -1 with the failure handled.
+  int RunCmds(DBHandler *db, const SQLCmd &cmds, bool transaction);
   int CountRows(DBHandler *db, int selector, const std::string &sql);
   int TopRows(DBHandler *db, int selector, const std::string &sql,
               std::vector<std::pair<std::string, int>> &out);
-  int RunCmds(DBHandler *db, const SQLCmd &cmds, bool transaction);
   std::string HourlySource(const std::string &columns, const std::string &condition,
                            const std::string &filters, int n);
 

@@ -1,7 +1,5 @@
 // The threat pass of the aggregation job: inbound and outbound refused and filtered mail per hour
 // and local day, the blocked addresses, and the cities the inbound threats came from.
-#include "logs/maillogger.h"
-
 #include <GeoIP.h>
 #include <GeoIPCity.h>
 #include <arpa/inet.h>
@@ -15,6 +13,7 @@
 #include "foundation/privilege.h"
 #include "kolt/err.h"
 #include "logs/log_db.h"
+#include "logs/maillogger.h"
 #include "logs/securityLog.h"
 
 namespace {
@@ -231,27 +230,10 @@ int MailLogger::securityStatistic() {
     return -1;
   }
   if (securityStatisticDB == nullptr || securityLogDB == nullptr) return -1;
-  int rc;
-  {
-    ENTERCriticalSection;
-    rc = securityStatisticDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 4;
-    HandleDBError(*securityStatisticDB, rc);
-    return -1;
-  }
-  {
-    // Connecting makes the live security log with its table if no row was ever logged, so that
-    // it can be attached.
-    ENTERCriticalSection;
-    rc = securityLogDB->connect();
-    LEAVECriticalSection;
-  }
-  if (rc != 0) {
-    dbSelector = 2;
-    HandleDBError(*securityLogDB, rc);
+  if (Connect(securityStatisticDB, 4) < 0) return -1;
+  // Connecting makes the live security log with its table if no row was ever logged, so that it
+  // can be attached.
+  if (Connect(securityLogDB, 2) < 0) {
     disconnectLogDB(securityStatisticDB, mail_log::MAIL_STATUS_REJECT);
     return -1;
   }
