@@ -96,6 +96,28 @@ long Local(int year, int month, int day, int hour = 0) {
   return static_cast<long>(mktime(&tm));
 }
 
+// Days from today on (local midnights), and the date of `t` as the generator takes it. The counting
+// tests keep their rows in the future: the retention, which acts by the real clock when a test
+// happens to run at local midnight, must never find them old.
+long Today(int days) {
+  const time_t now = time(nullptr);
+  struct tm today;
+  localtime_r(&now, &today);
+  return Local(today.tm_year + 1900, today.tm_mon + 1, today.tm_mday + days);
+}
+std::string Day(long t) {
+  const time_t time = t;
+  struct tm day;
+  char text[16];
+  strftime(text, sizeof(text), "%Y-%m-%d", localtime_r(&time, &day));
+  return text;
+}
+int WeekDay(long t) {
+  const time_t time = t;
+  struct tm day;
+  return localtime_r(&time, &day)->tm_wday;
+}
+
 // Sent, received, bounced, resent and rejected mail of [from, to), by the test's own reading.
 std::string RawCounts(long from, long to) {
   const std::string span = " date >= " + Str(from) + " AND date < " + Str(to);
@@ -177,41 +199,48 @@ class MailLoggerTest : public testing::Test {
 };
 
 TEST_F(MailLoggerTest, CountersEqualTheRawCountsAcrossTheChangeToSummerTime) {
-  // Summer time begins on Sunday 28 March 2027 at 02:00: that day has 23 hours.
-  ASSERT_EQ(Generate(kLogs + " --from 2027-03-28 --days 7 --rows 1500 --seed 11"), 0);
+  // Summer time begins on the last Sunday of March at 02:00: that day has 23 hours.
+  const int year = atoi(Day(Today(0)).c_str()) + 1;
+  const int sunday = 31 - WeekDay(Local(year, 3, 31));
+  const long week = Local(year, 3, sunday), april = Local(year, 4, 1);
+  const long nextWeek = Local(year, 3, sunday + 7);
+  ASSERT_EQ(Generate(kLogs + " --from " + Day(week) + " --days 7 --rows 1500 --seed 11"), 0);
   MailLogger job(3600);
-  const long week = Local(2027, 3, 28), april = Local(2027, 4, 1), nextWeek = Local(2027, 4, 4);
   CountHours(job, week, nextWeek);
   EXPECT_EQ(Number("SELECT COUNT(*) FROM stat.log_statistic_hour"), 7 * 24 - 1);
   for (long hour = week; hour < nextWeek; hour += 3600) {
     EXPECT_EQ(Stored("log_statistic_hour", hour), RawCounts(hour, hour + 3600)) << hour;
     for (int type = 0; type <= 4; ++type) ExpectTopList(hour, 25, type, hour, hour + 3600);
   }
-  for (int day = 28; day < 35; ++day) {
-    const long start = Local(2027, 3, day), end = Local(2027, 3, day + 1);
+  for (int day = sunday; day < sunday + 7; ++day) {
+    const long start = Local(year, 3, day), end = Local(year, 3, day + 1);
     EXPECT_EQ(Stored("log_statistic_day", start), RawCounts(start, end)) << "day " << day;
   }
   // One week row, at local midnight of the Sunday, over the week of 167 hours.
   EXPECT_EQ(Ask("SELECT time FROM stat.log_statistic_week"), Str(week) + "\n");
   EXPECT_EQ(Stored("log_statistic_week", week), RawCounts(week, nextWeek));
-  EXPECT_EQ(Stored("log_statistic_month", Local(2027, 3, 1)), RawCounts(week, april));
+  EXPECT_EQ(Stored("log_statistic_month", Local(year, 3, 1)), RawCounts(week, april));
   EXPECT_EQ(Stored("log_statistic_month", april), RawCounts(april, nextWeek));
 }
 
 TEST_F(MailLoggerTest, WeeksAndMonthsRunIntoTheNewYearWithTheirTopLists) {
-  // Sunday 26 December 2027 to Saturday 1 January 2028: one week, two months, two years.
-  ASSERT_EQ(Generate(kLogs + " --from 2027-12-26 --days 7 --rows 1500 --seed 12"), 0);
+  // The week of a New Year's Eve that isn't a Saturday: one week, two months, two years.
+  int year = atoi(Day(Today(0)).c_str()) + 1;
+  while (WeekDay(Local(year, 12, 31)) == 6) ++year;
+  const long week = Local(year, 12, 31 - WeekDay(Local(year, 12, 31))),
+             december = Local(year, 12, 1);
+  const long january = Local(year + 1, 1, 1), nextWeek = Local(year, 12, 38 - WeekDay(january - 1));
+  ASSERT_EQ(Generate(kLogs + " --from " + Day(week) + " --days 7 --rows 1500 --seed 12"), 0);
   MailLogger job(3600);
-  const long week = Local(2027, 12, 26), january = Local(2028, 1, 1), nextWeek = Local(2028, 1, 2);
   CountHours(job, week, nextWeek);
   EXPECT_EQ(Stored("log_statistic_week", week), RawCounts(week, nextWeek));
-  EXPECT_EQ(Stored("log_statistic_month", Local(2027, 12, 1)), RawCounts(week, january));
+  EXPECT_EQ(Stored("log_statistic_month", december), RawCounts(week, january));
   EXPECT_EQ(Stored("log_statistic_month", january), RawCounts(january, nextWeek));
   for (int type = 0; type <= 4; ++type) {
     for (long day = week; day < nextWeek; day += 86400)
       ExpectTopList(day, 8, type, day, day + 86400);
     ExpectTopList(week, 9, type, week, nextWeek);
-    ExpectTopList(Local(2027, 12, 1), 7, type, week, january);
+    ExpectTopList(december, 7, type, week, january);
     ExpectTopList(january, 7, type, january, nextWeek);
   }
   // Resent mail is rare: an hour with fewer than five senders still gives five pairs.
@@ -301,11 +330,11 @@ std::string ExpectedOrigins(const std::string &inbound, bool v6) {
 
 TEST_F(MailLoggerTest, ThreatTablesFollowTheDirectionOfMailAndTheCitiesGeoIPKnows) {
   ASSERT_EQ(Generate(" --security-db " + std::string(security_log::kSecurityLogDBPath) +
-                     " --from 2027-02-01 --days 2 --rows 600 --seed 31"),
+                     " --from " + Day(Today(1)) + " --days 2 --rows 600 --seed 31"),
             0);
   // Sent mail refused and filtered, a mail between two local addresses, and values that would
   // break a statement put together carelessly.
-  const long at = Local(2027, 2, 1, 9) + 600, hour = at - at % 3600;
+  const long at = Today(1) + 9 * 3600 + 600, hour = at - at % 3600;
   std::string insert = "INSERT INTO sec.security_log_table VALUES ";
   for (const char *row :
        {"'10.1.1.1', 'reject', '', '', 'amy@example.com', 'x@partner.example.net'",
@@ -504,7 +533,7 @@ TEST_F(MailLoggerTest, ADamagedCounterFileIsMadeAnewAndTheNextHourLands) {
   MailLogger job(3600);
   StatisticCount count;
   count.sentCnt = 7;
-  const long hour = Local(2027, 8, 1, 10);
+  const long hour = Today(30);
   qsvtest::SyslogCapture log;
   EXPECT_EQ(job.saveStatistic(hour, count), -1);
   EXPECT_EQ(log.Matching("corrupt, need regen").size(), 1u);
