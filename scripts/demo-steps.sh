@@ -169,6 +169,8 @@ show "$ctl" av service stop
 step "The mail log: a month of traffic in the live file, the month before in the archive, Postfix's own lines added, one search over both in one date order, and the export rendered by a browser"
 aggr=$target/var/aggr_log
 gen="$1/tools/qsv-log-gen"
+# The domains of the mail server's own users: what "local" means to the logs and the statistics.
+show "$ctl" conf set virtual_multiple_domain "1/example.com"
 show "$gen" --mail-db "$aggr/aggr_mail_log.db" --security-db "$aggr/aggr_security_log.db" \
     --from 2026-10-01 --days 31 --rows 5000 --seed 7 --domains example.com \
     --subject '<script>alert("pwned")</script> Invoice & more'
@@ -198,6 +200,22 @@ chromium-headless-shell --no-sandbox --disable-gpu --hide-scrollbars --window-si
 png_size=$(stat -c %s /tmp/demo-mail-log.png)
 echo "Rendered by Chromium into /tmp/demo-mail-log.png: $png_size bytes"
 [ "$png_size" -gt 1000 ] || { echo "UNEXPECTED: an empty rendering"; exit 1; }
+
+step "Statistics: the month counted hour by hour by the aggregation job, the four charts drawn, the threat origins in real cities, a domain ranking"
+show "$1/tools/qsv-geoip-gen" "$target/etc/geoip"
+show "$ctl" stats count --from 2026-10-01 --to 2026-10-31
+show "$ctl" stats show day --at 2026-10-31
+for scale in hour day week month; do
+    "$ctl" stats chart "$scale" --at 2026-10-31 --png "/tmp/demo-chart-$scale.png"
+    echo "the $scale chart: $(file -b "/tmp/demo-chart-$scale.png")"
+done
+# The threat pass works from the job's own hour on; the clock is set back to the month's first
+# hour for it, as if the job had been running since.
+echo '$ faketime "2026-10-01 00:00:00" mailserverctl stats threats'
+ASAN_OPTIONS=verify_asan_link_order=0 faketime "2026-10-01 00:00:00" "$ctl" stats threats
+show "$ctl" stats security --at 2026-10-31 --days 31 --png /tmp/demo-threats.png
+echo "the threat chart: $(file -b /tmp/demo-threats.png)"
+show "$ctl" analysis top recipient-domains --status send --from 2026-10-01 --to 2026-10-07 --limit 5
 
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true

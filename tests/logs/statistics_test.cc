@@ -22,6 +22,7 @@
 #include "harness/syslog_capture.h"
 #include "logs/analysisLog.h"
 #include "logs/log_db.h"
+#include "logs/securityLog.h"
 #include "logs/statisticLog.h"
 
 namespace {
@@ -210,6 +211,54 @@ TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
   EXPECT_EQ(log.getBandwidthStatistic(older, t, statistic_log::TIME_SCALE_DAY), -1);
   EXPECT_EQ(log.getQuantityStatistic(older, t, statistic_log::TIME_SCALE_MONTH), -1);
   EXPECT_EQ(capture.Matching("sqlite3_prepare_v2: [1]").size(), 2u);
+}
+
+// The month counted by the administrator's tool as the job counts it: each chart's points carry
+// the counts of the generated rows.
+TEST_F(StatisticLogTest, AMonthCountedHourByHourGivesChartsOfTheTrafficsOwnCounts) {
+  // A zone without a clock change in the month: across one, a day of 25 hours loses its last
+  // hour to the day's fixed length, which the job's own tests show.
+  PinZone("UTC");
+  const std::string live = mail_log::kMailLogDBPath;
+  const std::string security = security_log::kSecurityLogDBPath;
+  for (const std::string &path : {live, security}) unlink(path.c_str());
+  const std::string gen = std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen";
+  ASSERT_EQ(system((gen + " --mail-db " + live + " --security-db " + security +
+                    " --rows 3000 --seed 31 --from 2026-10-01 --days 31 >/dev/null").c_str()),
+            0);
+  const qsvtest::CtlResult counted =
+      qsvtest::RunCtl({"stats", "count", "--from", "2026-10-24", "--to", "2026-10-31"});
+  ASSERT_EQ(counted.status, 0) << counted.output;
+  EXPECT_EQ(counted.output.rfind("192 hours counted", 0), 0u) << counted.output;
+
+  StatisticLog log;
+  const long t = Local(2026, 10, 31, 23);
+  const std::pair<statistic_log::TimeScale, size_t> scales[] = {
+      {statistic_log::TIME_SCALE_HOUR, 25},
+      {statistic_log::TIME_SCALE_DAY, 8},
+      {statistic_log::TIME_SCALE_WEEK, 2},  // the weeks of Sunday 18 and 25 October
+      {statistic_log::TIME_SCALE_MONTH, 1}};
+  for (const auto &scale : scales) {
+    std::vector<StatisticCount> points;
+    ASSERT_EQ(log.getStatistic(points, t, scale.first), 0);
+    EXPECT_EQ(points.size(), scale.second) << scale.first;
+  }
+  std::vector<StatisticCount> days;
+  ASSERT_EQ(log.getStatistic(days, t, statistic_log::TIME_SCALE_DAY), 0);
+  for (const StatisticCount &day : days) {
+    const std::string span = " date >= " + std::to_string(day.time) + " and date < " +
+                             std::to_string(day.time + 86400);
+    EXPECT_EQ(day.sentCnt, RawCount(live, "select count(*) from mail_log_table where status=0 and" + span));
+    EXPECT_EQ(day.bounceCnt, RawCount(live, "select count(*) from mail_log_table where status=2 and" + span));
+    EXPECT_EQ(day.rejectCnt, RawCount(security, "select count(*) from security_log_table where "
+                                                "type='reject' and" + span));
+  }
+  std::vector<StatisticCount> month;
+  ASSERT_EQ(log.getStatistic(month, t, statistic_log::TIME_SCALE_MONTH), 0);
+  ASSERT_EQ(month.size(), 1u);
+  EXPECT_EQ(month[0].receiveCnt,
+            RawCount(live, "select count(*) from mail_log_table where status=1 and date >= " +
+                               std::to_string(Local(2026, 10, 24))));
 }
 
 void SetLocalDomains(const std::string &value) {

@@ -12,7 +12,9 @@
 #include <set>
 
 #include "kolt/exec.h"
+#include "foundation/round_time.h"
 #include "logs/analysisLog.h"
+#include "logs/maillogger.h"
 #include "logs/statisticLog.h"
 #include "mailserverctl/error.h"
 #include "mailserverctl/log_options.h"
@@ -31,6 +33,8 @@ int Usage() {
           "usage: mailserverctl stats show hour|day|week|month [--at TIME]\n"
           "       mailserverctl stats chart hour|day|week|month --png FILE [--at TIME]\n"
           "       mailserverctl stats security --png FILE [--at TIME] [--days N]\n"
+          "       mailserverctl stats count --from TIME --to TIME\n"
+          "       mailserverctl stats threats\n"
           "       mailserverctl analysis top senders|recipients|sender-domains|"
           "recipient-domains|refused [OPTION...]\n");
   return 2;
@@ -272,6 +276,10 @@ int SecurityChart(long at, int days, const std::string &target) {
   const std::vector<std::string> columns(types.begin(), types.end());
   {
     std::ofstream data(dir.path() + "/threats.dat");
+    // The types name the series through the data file's header, never through the script.
+    data << "time";
+    for (const std::string &type : columns) data << ' ' << DataName(type);
+    data << '\n';
     for (const auto &day : byDay) {
       data << day.first;
       for (const std::string &type : columns) {
@@ -294,11 +302,8 @@ int SecurityChart(long at, int days, const std::string &target) {
       "set xdata time\nset timefmt '%s'\nset format x '%m-%d' timedate\n"
       "set key outside right\nset grid\nset yrange [0:*]\nplot ";
   for (size_t i = 0; i < columns.size(); ++i) {
-    // Threat types are words of the log; they become titles through the data file's columns only
-    // by number, and the title is a fixed word per column.
     script += std::string(i == 0 ? "" : ", ") + "'" + d + "/threats.dat' using 1:" +
-              std::to_string(i + 2) + " with linespoints title 'type " + std::to_string(i + 1) +
-              "'";
+              std::to_string(i + 2) + " with linespoints title columnhead";
   }
   script += "\nunset xdata\nset format x '%g'\nunset key\nset style fill solid 0.6\n"
             "set boxwidth 0.7\nset xtics rotate by 30 right font ',8'\n"
@@ -307,12 +312,29 @@ int SecurityChart(long at, int days, const std::string &target) {
                               "plot [0:1] [0:1] NaN notitle\n"
                             : "plot '" + d + "/origins.dat' using 0:2:xtic(1) with boxes\n";
   script += "unset multiplot\n";
-  printf("types:");
-  for (size_t i = 0; i < columns.size(); ++i) {
-    printf(" %zu=%s", i + 1, Field(columns[i]).c_str());
-  }
-  printf("\n");
   return Draw(d, script, target);
+}
+
+// The counters of every hour from `from` to `to`, each as the aggregation job counts it in a pass:
+// the five counts, the top lists, one save of the hour and all it feeds.
+int CountHours(long from, long to) {
+  MailLogger job(3600);
+  int hours = 0;
+  for (long hour = getRoundTime(from, COUNT_INTERVAL_HOUR); hour <= to; hour += 3600, ++hours) {
+    statistic_log::StatisticCount count;
+    count.time = hour;
+    for (int status = 0; status < 5; ++status) {
+      const int n = job.getLogNumPerHour(hour, static_cast<mail_log::MailStatus>(status));
+      if (n < 0) return Error("the hour " + LocalTime(hour) + " could not be counted");
+      count.count(status) = n;
+    }
+    if (job.getTop5Lists(hour, count) != 0 || job.saveStatistic(hour, count) != 0) {
+      return Error("the hour " + LocalTime(hour) + " could not be saved (see the system log)");
+    }
+  }
+  printf("%d hours counted, %s to %s\n", hours, LocalTime(getRoundTime(from, COUNT_INTERVAL_HOUR)).c_str(),
+         LocalTime(to).c_str());
+  return 0;
 }
 
 }  // namespace
@@ -335,9 +357,29 @@ int StatsCommand(const std::vector<std::string> &args) {
     if (!AtOption(options, &at, &status) || !PngPath(options, &target, &status)) return status;
     return SecurityChart(at, static_cast<int>(days), target);
   }
+  if (word == "count") {
+    if (!ReadOptions(std::vector<std::string>(args.begin() + 1, args.end()), {"--from", "--to"}, {},
+                     options, &status)) {
+      return status;
+    }
+    long long from = 0, to = 0;
+    if (options.size() != 2 || !Moment(options["--from"], false, &from) ||
+        !Moment(options["--to"], true, &to) || to < from || to - from > 400LL * 86400) {
+      return Error("stats count takes --from TIME --to TIME, at most 400 days apart");
+    }
+    return CountHours(static_cast<long>(from), static_cast<long>(to));
+  }
+  if (word == "threats") {
+    // One threat pass of the job, from the hour of the present time (as the clock says) on.
+    if (args.size() != 1) return Usage();
+    MailLogger job(3600);
+    if (job.securityStatistic() != 0) return Error("the threat pass failed (see the system log)");
+    return 0;
+  }
   if (word != "show" && word != "chart") {
     if (word.empty()) return Usage();
-    return Error("unknown word " + Quoted(word) + ": stats takes show, chart or security");
+    return Error("unknown word " + Quoted(word) +
+                 ": stats takes show, chart, security, count or threats");
   }
   statistic_log::TimeScale scale;
   if (args.size() < 2 || !ScaleOf(args[1], &scale)) {

@@ -10,6 +10,10 @@
 //   stats security --png FILE [--at TIME] [--days N]
 //                      the threats by day and type, and where they came from, from the threat
 //                      tables of the aggregation job
+//   stats count --from TIME --to TIME
+//                      counts every hour of the span as the aggregation job does in its passes
+//                      (at most 400 days)
+//   stats threats      one threat pass of the aggregation job, from the present hour on
 //   analysis top senders|recipients|sender-domains|recipient-domains|refused
 //                [--status send|receive|bounce|resend|local-receive] [--from TIME] [--to TIME]
 //                [--name PIECE] [--limit N] [--offset N] [--count]
