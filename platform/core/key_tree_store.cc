@@ -31,6 +31,8 @@ const Tree kTrees[] = {
     {"file", "mailserver/file", nullptr},
     // enabled flags of the custom anti-spam rules; listed by the tree's name, so it is its prefix
     {"rule", "rule", nullptr},
+    // per-domain usage limits the policy daemons read; listed by the tree's name
+    {"virtual_domain", "virtual_domain", nullptr},
 };
 
 // Keys placed outside the default tree, and the services that must follow a change of a key.
@@ -100,6 +102,17 @@ const KeyRow kKeys[] = {
     // content scanning
     {"spam_", "conf", {kSpam}},
     {"mailserver_rule_status-", "rule", {kSpam}},
+    // per-domain usage limits: the policy daemons read them as they are, no service follows
+    {"enable_attachment-", "virtual_domain", {}},
+    {"enable_daily_quota-", "virtual_domain", {}},
+    {"enable_outbound_flow-", "virtual_domain", {}},
+    {"enable_auto_forward-", "virtual_domain", {}},
+    {"enable_catch_all-", "virtual_domain", {}},
+    {"attachment_limit-", "virtual_domain", {}},
+    {"daily_quota_limit-", "virtual_domain", {}},
+    {"outbound_flow_limit-", "virtual_domain", {}},
+    {"mail_size_limit-", "virtual_domain", {}},
+    {"catch_all-", "virtual_domain", {}},
     {"av_", "conf", {kAntivirus}},
     {"antivirus_", "conf", {kAntivirus}},
     {"anti_virus_", "conf", {kAntivirus}},
