@@ -217,6 +217,29 @@ show "$ctl" stats security --at 2026-10-31 --days 31 --png /tmp/demo-threats.png
 echo "the threat chart: $(file -b /tmp/demo-threats.png)"
 show "$ctl" analysis top recipient-domains --status send --from 2026-10-01 --to 2026-10-07 --limit 5
 
+step "Per-domain usage: a domain's daily limit set and read back from the store; counters written by a policy daemon listed and removed"
+show "$ctl" domain-usage set example.com en_quota yes rt_quota 300 rt_flow 5000
+show "$ctl" domain-usage show example.com
+echo "In the store, where the policy daemons read it:"
+for key in enable_daily_quota-1 daily_quota_limit-1 outbound_flow_limit-1; do
+    printf '%s = %s\n' "$key" "$("$tool" backend-command --command get --key "virtual_domain/$key")"
+done
+show "$target/scripts/daemon/memcached.sh" start
+# A policy daemon's writes, in memcached's own text protocol.
+count() {
+    exec 3<>/dev/tcp/127.0.0.1/11211
+    printf 'set %s 0 86400 %d\r\n%s\r\n' "$1" "${#2}" "$2" >&3
+    read -r reply <&3
+    exec 3>&-
+}
+count "example.com[senderQuota]alice" 42
+count "example.com[senderFlow]alice" 180224
+count "example.com[senderQuota]bob" 7
+show "$ctl" domain-usage counters example.com alice bob carol
+show "$ctl" domain-usage counters example.com --delete both alice
+show "$ctl" domain-usage counters example.com alice bob carol
+show "$target/scripts/daemon/memcached.sh" stop
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop

@@ -17,6 +17,7 @@
 #include "domain/domain_usage_setting.h"
 #include "foundation/mailserver_db_schema.h"
 #include "harness/cluster_nodes.h"
+#include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "tables/tables_fixture.h"
 
@@ -101,6 +102,33 @@ TEST_F(DomainSettingTest, ARowIsMadeOnFirstReadAndPublishedWhenTheObjectGoes) {
     ASSERT_EQ(settings.CleanupRedisKey(), 0);
   }
   EXPECT_EQ(qsvtest::StoreCommand(StorePassword(), {"KEYS", "virtual_domain/*"}), "");
+  qsvtest::WaitForQuietStore();
+}
+
+// The administrator's front end: every pair checked before anything is written.
+TEST_F(DomainSettingTest, TheToolWritesCheckedSettingsOfAMappedDomainOnly) {
+  ASSERT_EQ(qsvtest::RunCtl({"conf", "set", "virtual_multiple_domain",
+                             "1/example.com, 2/b\xc3\xbc" "cher.example"}).status,
+            0);
+  for (const std::vector<std::string> &refused : std::vector<std::vector<std::string>>{
+           {"domain-usage", "set", "example.com", "en_quota", "maybe"},
+           {"domain-usage", "set", "example.com", "rt_quota", "-5"},
+           {"domain-usage", "set", "example.com", "rt_quota", "5", "bogus", "1"},
+           {"domain-usage", "set", "example.com", "rt_quota", "5", "rt_quota", "6"},
+           {"domain-usage", "set", "other.example", "rt_quota", "5"},
+           {"domain-usage", "counters", "example.com", "--delete", "all", "bob"}}) {
+    const qsvtest::CtlResult result = qsvtest::RunCtl(refused);
+    EXPECT_EQ(result.status, 1) << result.output;
+  }
+  EXPECT_EQ(Stored("daily_quota_limit-1"), "") << "a refused pair wrote nothing";
+  // The punycode form names the same domain.
+  ASSERT_EQ(qsvtest::RunCtl({"domain-usage", "set", "xn--bcher-kva.example", "catch_all", "-1",
+                             "en_catch_all", "yes"}).status,
+            0);
+  EXPECT_EQ(Stored("enable_catch_all-2"), "yes");
+  EXPECT_EQ(Stored("catch_all-2"), "-1");
+  const qsvtest::CtlResult shown = qsvtest::RunCtl({"domain-usage", "show", "example.com"});
+  EXPECT_NE(shown.output.find("en_forward     yes"), std::string::npos) << shown.output;
   qsvtest::WaitForQuietStore();
 }
 

@@ -31,6 +31,7 @@
 //   mailserverctl quarantine list|search|delete ...          (see quarantine_commands.h)
 //   mailserverctl log|security-log count|list|search|filter|export ...   (see log_commands.h)
 //   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
+//   mailserverctl domain-usage show|set|counters ...                 (see domain_usage_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -43,6 +44,7 @@
 #include "mailserverctl/access_commands.h"
 #include "mailserverctl/alias_commands.h"
 #include "mailserverctl/conf_commands.h"
+#include "mailserverctl/domain_usage_commands.h"
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/log_commands.h"
 #include "mailserverctl/one_node_setup.h"
@@ -117,7 +119,8 @@ int Usage() {
           "       mailserverctl stats show|chart hour|day|week|month [--png FILE] [--at TIME]\n"
           "       mailserverctl stats security --png FILE [--at TIME] [--days N]\n"
           "       mailserverctl analysis top senders|recipients|sender-domains|"
-          "recipient-domains|refused ...\n");
+          "recipient-domains|refused ...\n"
+          "       mailserverctl domain-usage show|set|counters DOMAIN ...\n");
   return 2;
 }
 
@@ -211,6 +214,10 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "log") {
     return mailserverctl::MailLogCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "domain-usage") {
+    return mailserverctl::DomainUsageCommand(
+        std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "stats") {
     return mailserverctl::StatsCommand(std::vector<std::string>(args.begin() + 1, args.end()));
