@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "tables/dkim_sign_whitelist.h"
 #include "tables/global_access.h"
@@ -123,6 +124,30 @@ TEST_F(GlobalAccessTest, TheDkimWhitelistKeepsNetworksOnly) {
   items.clear();
   EXPECT_EQ(whitelist.Search(0, -1, -1, "relays", items), 2);
   EXPECT_EQ(items.size(), 2u);
+}
+
+// The administrator's front end: patterns and words checked before the lists change.
+TEST_F(GlobalAccessTest, TheToolAddsListsAndRefusesWhatIsNoPattern) {
+  ASSERT_EQ(qsvtest::RunCtl({"global", "add", "white", "network", "198.51.100.9/24",
+                             "--description", "partner relays"}).status,
+            0);
+  ASSERT_EQ(qsvtest::RunCtl({"global", "add", "black", "sender", "spam@bulk.example"}).status, 0);
+  for (const std::vector<std::string> &refused : std::vector<std::vector<std::string>>{
+           {"global", "add", "grey", "sender", "x@example.com"},
+           {"global", "add", "white", "network", "198.51.100.0/0"},
+           {"global", "add", "white", "colour", "blue"},
+           {"global", "add", "white", "sender", "a\nb"},
+           {"global", "del", "white", "first"},
+           {"global", "list", "white", "--type", "sender,planet"},
+           {"dkim", "add", "relay.example"}}) {
+    const qsvtest::CtlResult result = qsvtest::RunCtl(refused);
+    EXPECT_EQ(result.status, 1) << result.output;
+  }
+  const qsvtest::CtlResult white = qsvtest::RunCtl({"global", "list", "white", "--cidr"});
+  EXPECT_EQ(white.output, "1\tenabled\tnetwork\t198.51.100.0/24\tpartner relays\ntotal: 1\n");
+  ASSERT_EQ(qsvtest::RunCtl({"dkim", "add", "203.0.113.0/24"}).status, 0);
+  EXPECT_EQ(qsvtest::RunCtl({"dkim", "list"}).output, "1\tenabled\tnetwork\t203.0.113.0/24\t\ntotal: 1\n");
+  qsvtest::WaitForQuietStore();
 }
 
 }  // namespace

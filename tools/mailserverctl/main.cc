@@ -32,6 +32,7 @@
 //   mailserverctl log|security-log count|list|search|filter|export ...   (see log_commands.h)
 //   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
 //   mailserverctl domain-usage show|set|counters ...                 (see domain_usage_commands.h)
+//   mailserverctl global|dkim add|del|list ...                        (see global_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
 #include <cstdio>
@@ -46,6 +47,7 @@
 #include "mailserverctl/conf_commands.h"
 #include "mailserverctl/domain_usage_commands.h"
 #include "mailserverctl/file_commands.h"
+#include "mailserverctl/global_commands.h"
 #include "mailserverctl/log_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/quarantine_commands.h"
@@ -120,7 +122,8 @@ int Usage() {
           "       mailserverctl stats security --png FILE [--at TIME] [--days N]\n"
           "       mailserverctl analysis top senders|recipients|sender-domains|"
           "recipient-domains|refused ...\n"
-          "       mailserverctl domain-usage show|set|counters DOMAIN ...\n");
+          "       mailserverctl domain-usage show|set|counters DOMAIN ...\n"
+          "       mailserverctl global|dkim add|del|list ...\n");
   return 2;
 }
 
@@ -214,6 +217,12 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "log") {
     return mailserverctl::MailLogCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "global") {
+    return mailserverctl::GlobalCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "dkim") {
+    return mailserverctl::DkimCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "domain-usage") {
     return mailserverctl::DomainUsageCommand(
