@@ -13,6 +13,7 @@
 #include "config/mail_conf.h"
 #include "config/mailscanner.h"
 #include "config/postfix.h"
+#include "config/reporter.h"
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "harness/cluster_nodes.h"
@@ -318,6 +319,35 @@ TEST_F(TypedSettingsTest, ScannerDefaultsFormatsAndItsEngineScript) {
   EXPECT_EQ(MailScanner::AntiVirusService("stop"), -1);
   EXPECT_EQ(clamav.Calls(), (std::vector<std::vector<std::string>>{{"start"}}));
   ASSERT_EQ(mailConfSet("anti_virus_engine", "clamav", true, 0), 0);
+}
+
+TEST_F(TypedSettingsTest, ReportSettingsFollowTheSmtpSettingsAndADamagedKeyThrows) {
+  Reporter empty = Reporter::LoadSetting();
+  EXPECT_FALSE(empty.IsEnabled());
+  EXPECT_EQ(empty.GetReportTime().hour, 0u);
+  EXPECT_EQ(empty.GetReportTime().minute, 0u);
+  EXPECT_EQ(empty.GetSMTP().host, "localhost");
+  EXPECT_EQ(empty.GetSMTP().port, 25);
+  EXPECT_EQ(empty.GetSender().address, "reporter@localdomain");
+
+  Reporter report;
+  report.SetEnable(true);
+  report.SetRcpt("admin@example.com", false);
+  report.SetRcpt("boss@example.com", true);
+  report.SetTime({7, 45});
+  report.SaveSetting();
+  ASSERT_EQ(mailConfSet("smtp_main_domain", "example.com", true, 0), 0);
+  const Reporter loaded = Reporter::LoadSetting();
+  EXPECT_TRUE(loaded.IsEnabled());
+  EXPECT_EQ(loaded.GetRcpt(true), "boss@example.com");
+  EXPECT_EQ(loaded.GetReportTime().minute, 45u);
+  EXPECT_EQ(loaded.GetSender().address, "reporter@example.com");
+  EXPECT_EQ(Stored("report_time_hour"), "7");
+
+  qsvtest::WriteFile(std::string(kMailConfDir) + toLeagalFileName("report_time_min"), "{\"broken");
+  EXPECT_THROW(Reporter::LoadSetting(), std::runtime_error);
+  ASSERT_EQ(mailConfSet("smtp_main_domain", "localdomain", true, 0), 0);
+  PutKeyFile("report_time_min", "0");
 }
 
 }  // namespace
