@@ -11,6 +11,7 @@
 #include "cluster/mailserver_cluster.h"
 #include "config/mail_conf.h"
 #include "core/key_tree_store.h"
+#include "personal/personal.h"
 
 using KOLT::QUILLON_SERVER::FileKeyVal;
 using KOLT::QUILLON_SERVER::FileUploadKey;
@@ -24,6 +25,8 @@ namespace {
 const char kUploadPrefix[] = "kv_file_upload/";
 const char kFilePrefix[] = "mailserver/file/";
 const char kHealthTrigger[] = "mailserver/cluster/health_check_trigger";
+const char kPersonalPrefix[] = "personal/";
+const char kPersonalShortPrefix[] = "personal-";
 const char *const kMirroredPrefixes[] = {"mailserver/conf/", "mailserver/cluster/",
                                          "mapping_table/"};
 
@@ -37,6 +40,8 @@ bool IsMirrored(const std::string &key) {
   }
   return false;
 }
+
+bool IsPersonal(const std::string &shortKey) { return StartsWith(shortKey, kPersonalShortPrefix); }
 
 bool IsFileRecord(const std::string &value) {
   return StartsWith(value, "{\"senderID\":") && value.find("\"fileContentKey\":") != std::string::npos;
@@ -68,7 +73,8 @@ bool HasPeers(const std::string &id) {
 
 std::vector<std::string> FollowedPatterns() {
   std::vector<std::string> patterns = {std::string(kUploadPrefix) + "*",
-                                       std::string(kFilePrefix) + "*"};
+                                       std::string(kFilePrefix) + "*",
+                                       std::string(kPersonalPrefix) + "*"};
   for (const char *prefix : kMirroredPrefixes) patterns.push_back(std::string(prefix) + "*");
   return patterns;
 }
@@ -84,6 +90,13 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
   }
   if (StartsWith(key, kFilePrefix)) {
     if (written && reader_->Get(key, &value)) Arrived(key, value);
+    return;
+  }
+  if (StartsWith(key, kPersonalPrefix)) {
+    // A user's file lands by the file sync and is then given to its user; a key that went takes
+    // its file along. The hook asks the store itself whether the key is still there.
+    if (written && reader_->Get(key, &value) && IsFileRecord(value) && !Arrived(key, value)) return;
+    Personal::UpdateFile(KeyTreeStore::instance()->keyShort(key));
     return;
   }
   if (!IsMirrored(key)) return;
@@ -118,17 +131,34 @@ void Watcher::Offered(const std::string &uploadKey, const std::string &value) {
   QuillonServerBACKENDWrap().setFileSender(uploadKey);
 }
 
-void Watcher::Arrived(const std::string &namedKey, const std::string &value) {
+bool Watcher::Arrived(const std::string &namedKey, const std::string &value) {
   FileKeyVal record;
   const std::string id = HostId();
   // The sender's own call only tidies up, which the last receiver does anyway; alone in the
   // cluster it is the one that must.
   const bool parsed = ParseRecord(value, record);
-  if (parsed && record.senderID == id && HasPeers(id)) return;
+  if (parsed && record.senderID == id && HasPeers(id)) return true;
   if (parsed) WaitForEarlierReceivers(record, id);
   const std::string key = KeyTreeStore::instance()->keyShort(namedKey);
-  if (!WaitForUnlocked(FileUploadKey(key))) return;
-  QuillonServerBACKENDWrap().setFileReceiver(key);
+  if (!WaitForUnlocked(FileUploadKey(key))) return false;
+  return Receive(key);
+}
+
+bool Watcher::Receive(const std::string &key) {
+  if (IsPersonal(key)) {
+    // The record of a user's file may only place that very file of that user's directory; the
+    // file sync alone would let it write anywhere under the mail spool.
+    std::string value;
+    FileKeyVal record;
+    std::string path;
+    if (reader_->Get(FileUploadKey(key), &value) && ParseRecord(value, record) &&
+        (Personal::LocalFilePath(key, path) < 0 || record.dstFilePath != path)) {
+      syslog(LOG_ERR, "refused the record of %s: it places [%s], not this user's file [%s]",
+             key.c_str(), record.dstFilePath.c_str(), path.c_str());
+      return false;
+    }
+  }
+  return QuillonServerBACKENDWrap().setFileReceiver(key);
 }
 
 // Receivers that woke together would meet at the lock, and all but one would lose a second.
@@ -233,7 +263,7 @@ void Watcher::WorkOffTask(const std::string &taskKey) {
   QuillonServerBACKENDWrap store;
   // A delete is carried out by the sender step on every node; an upload by the receiver step.
   store.setFileSender(FileUploadKey(key));
-  if (reader_->Get(taskKey, &value)) store.setFileReceiver(key);
+  if (reader_->Get(taskKey, &value) && Receive(key) && IsPersonal(key)) Personal::UpdateFile(key);
 }
 
 }  // namespace keywatcher

@@ -2,6 +2,9 @@
 //
 //   kv_file_upload/*        a file cycle started or a receiver asks again: setFileSender
 //   mailserver/file/*       a file's content waits in the buffer: setFileReceiver
+//   personal/*              a user's forward or vacation file changed or went: the file is
+//                           received as above, then Personal::UpdateFile gives it to its user or
+//                           takes it away
 //   mailserver/conf/*, mailserver/cluster/*, mapping_table/*
 //                           a setting changed elsewhere: this node's mirror file follows
 //   mailserver/cluster/health_check_trigger
@@ -35,9 +38,12 @@ class Watcher {
   void CatchUpMirrors();
 
  private:
-  // An upload key or a named key was written with `value`.
+  // An upload key or a named key was written with `value`. Arrived is true when the file is in
+  // place on this node (received here, or this node sent it).
   void Offered(const std::string &uploadKey, const std::string &value);
-  void Arrived(const std::string &namedKey, const std::string &value);
+  bool Arrived(const std::string &namedKey, const std::string &value);
+  // setFileReceiver of the short key `key`, after checking where a user's file would land.
+  bool Receive(const std::string &key);
   void WaitForEarlierReceivers(const KOLT::QUILLON_SERVER::FileKeyVal &record,
                                const std::string &id);
   // True once nobody holds the upload lock of `uploadKey`; false when a live holder still has it

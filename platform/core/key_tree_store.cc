@@ -31,6 +31,9 @@ const Tree kTrees[] = {
     {"file", "mailserver/file", nullptr},
     // enabled flags of the custom anti-spam rules; listed by the tree's name, so it is its prefix
     {"rule", "rule", nullptr},
+    // the records of users' forward and vacation files, "personal-UID-TYPE"; the key watcher hands
+    // each change to the library's personal hook
+    {"personal", "personal", nullptr},
     // per-domain usage limits the policy daemons read; listed by the tree's name
     {"virtual_domain", "virtual_domain", nullptr},
 };
@@ -82,6 +85,7 @@ const KeyRow kKeys[] = {
     {"mailserver_global_access_db", "file", {}},
     {"mailserver_dkim_sign_whitelist_db", "file", {}},
     {"domain_setting_db", "file", {}},
+    {"personal-", "personal", {}},
     // SMTP
     {"smtp_", "conf", {kPostfix}},
     {"smtpd_", "conf", {kPostfix}},

@@ -117,16 +117,18 @@ bool FileBuffer::setFileContentToBuffer(const std::string &key, const std::strin
                                         std::string *digest) {
   if (!connectToServer()) return false;
   Sha256 sum;
-  std::unique_ptr<FILE, int (*)(FILE *)> in(fopen(path.c_str(), "rbe"), fclose);
-  if (!in) {
+  // The file is read as root, possibly long after its writer checked it, from a directory its
+  // user may own (forward and vacation files): a link or a FIFO put there since is not followed.
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  std::unique_ptr<FILE, int (*)(FILE *)> in(fd >= 0 ? fdopen(fd, "rb") : nullptr, fclose);
+  struct stat st;
+  if (!in || fstat(fileno(in.get()), &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd >= 0 && !in) close(fd);
     maillog(3, "%s:%d Failed to open %s", QSV_FILE, __LINE__, path.c_str());
     return false;
   }
-  struct stat st;
   std::string text;
-  if (fstat(fileno(in.get()), &st) == 0 && st.st_size > 0) {
-    text.reserve((static_cast<size_t>(st.st_size) + 2) / 3 * 4);
-  }
+  if (st.st_size > 0) text.reserve((static_cast<size_t>(st.st_size) + 2) / 3 * 4);
   unsigned char piece[kPieceSize];
   char encoded[kEncodedPieceSize];
   size_t n;

@@ -31,6 +31,7 @@
 //   mailserverctl quarantine list|search|delete ...          (see quarantine_commands.h)
 //   mailserverctl log|security-log count|list|search|filter|export ...   (see log_commands.h)
 //   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
+//   mailserverctl personal show|forward|vacation|off USER ...       (see personal_commands.h)
 //   mailserverctl domain-usage show|set|counters ...                 (see domain_usage_commands.h)
 //   mailserverctl global|dkim add|del|list ...                        (see global_commands.h)
 //
@@ -50,6 +51,7 @@
 #include "mailserverctl/global_commands.h"
 #include "mailserverctl/log_commands.h"
 #include "mailserverctl/one_node_setup.h"
+#include "mailserverctl/personal_commands.h"
 #include "mailserverctl/quarantine_commands.h"
 #include "mailserverctl/relay_commands.h"
 #include "mailserverctl/scanner_commands.h"
@@ -123,7 +125,11 @@ int Usage() {
           "       mailserverctl analysis top senders|recipients|sender-domains|"
           "recipient-domains|refused ...\n"
           "       mailserverctl domain-usage show|set|counters DOMAIN ...\n"
-          "       mailserverctl global|dkim add|del|list ...\n");
+          "       mailserverctl global|dkim add|del|list ...\n"
+          "       mailserverctl personal show|off USER\n"
+          "       mailserverctl personal forward USER ADDRESS [--keep-copy yes|no]\n"
+          "       mailserverctl personal vacation USER [--subject TEXT --body TEXT] "
+          "[--sender ADDRESS] [--begin TIME] [--end TIME]\n");
   return 2;
 }
 
@@ -233,6 +239,9 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "analysis") {
     return mailserverctl::AnalysisCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "personal") {
+    return mailserverctl::PersonalCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "security-log") {
     return mailserverctl::SecurityLogCommand(
