@@ -9,7 +9,8 @@ PKGS="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
  libgeoip-dev libhiredis-dev libidn2-dev
  redis-server redis-tools memcached postfix postfix-pcre dovecot-core iproute2 util-linux procps
  spamassassin spamd spamc clamav clamav-daemon clamdscan
- chromium-headless-shell fonts-dejavu-core gnuplot-nox"
+ chromium-headless-shell fonts-dejavu-core gnuplot-nox
+ rsync openssh-server openssh-client"
 
 missing=""
 for p in $PKGS; do

@@ -98,6 +98,13 @@ std::unique_ptr<ServerProcess> ServerProcess::Memcached(int port) {
   return std::unique_ptr<ServerProcess>(new ServerProcess(pid, port));
 }
 
+std::unique_ptr<ServerProcess> ServerProcess::Greeter(const std::vector<std::string> &args,
+                                                      int port, const std::string &greeting) {
+  const pid_t pid = Spawn(args);
+  WaitUntilAnswers(pid, port, "", greeting);
+  return std::unique_ptr<ServerProcess>(new ServerProcess(pid, port));
+}
+
 void ServerProcess::Stop() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);

@@ -22,6 +22,10 @@ class ServerProcess {
   static std::unique_ptr<ServerProcess> Redis(int port, const std::string &password = "",
                                               const std::vector<std::string> &extra = {});
   static std::unique_ptr<ServerProcess> Memcached(int port);
+  // Any server that speaks first (sshd, an rsync daemon): `args` run as they are (the program by
+  // PATH or path), and the server is up once a connection to `port` reads `greeting`.
+  static std::unique_ptr<ServerProcess> Greeter(const std::vector<std::string> &args, int port,
+                                                const std::string &greeting);
 
   ~ServerProcess();
   ServerProcess(const ServerProcess &) = delete;

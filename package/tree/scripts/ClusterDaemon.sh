@@ -3,6 +3,7 @@
 # 8502, on the master balancer only) and the key watcher. The library runs it by path:
 #
 #   ClusterDaemon.sh status|start|stop|backend_restart|watch_restart
+#   ClusterDaemon.sh create_quillon_share_env PATH
 #
 # A node belongs to a cluster while etc/redis/redis.conf exists; without it there is nothing to
 # run. status exits 0 only when this node's store answers and, on a replica, is linked to its
@@ -206,6 +207,46 @@ need_cluster() {
     fi
 }
 
+# The folder PATH that peers copy files into and out of over ssh (root's, writable by the package
+# group), and the package's ssh key folder beside it, which the package's ssh insists is root's
+# alone. PATH is refused unless it lies on a volume, outside the installed package, and every
+# folder above it is root's and closed to others, so that nobody can bend it elsewhere with a link
+# while it is being made.
+create_share_env() {
+    local path=$1 real dir owner mode
+    if [[ $path != /* || $path == *[[:cntrl:]]* || /$path/ == */../* ]]; then
+        log "share folder must be an absolute path without '..' or control characters"
+        return 1
+    fi
+    real=$(realpath -m -- "$path") || return 1
+    if [[ ! $real =~ ^/volume[0-9]+/[^/]+ || $real == /volume*/@appstore || $real == /volume*/@appstore/* ]]; then
+        log "share folder ${real@Q} is not a folder on a volume outside the package"
+        return 1
+    fi
+    dir=${real%/*}
+    while [ -n "$dir" ]; do
+        if [ -e "$dir" ]; then
+            read -r owner mode < <(stat -c '%u %a' -- "$dir")
+            if [ "$owner" != 0 ] || (( (8#$mode & 8#022) != 0 )); then
+                log "share folder ${real@Q}: ${dir@Q} may be changed by others than root"
+                return 1
+            fi
+        fi
+        dir=${dir%/*}
+    done
+    if ! mkdir -p -- "$real" || [ -L "$real" ] || ! chown root:Quillon-Server -- "$real" ||
+            ! chmod 0770 -- "$real"; then
+        log "cannot make share folder ${real@Q}"
+        return 1
+    fi
+    if ! mkdir -p -- "$etc/ssh" || ! chown root:root -- "$etc/ssh" || ! chmod 0700 -- "$etc/ssh" ||
+            ! touch -- "$etc/ssh/known_hosts" || ! chmod 0600 -- "$etc/ssh/known_hosts"; then
+        log "cannot make the key folder $etc/ssh"
+        return 1
+    fi
+    return 0
+}
+
 # Starts, stops and restarts are serialised; status is not, since it changes nothing.
 take_lock() {
     mkdir -p "${lock%/*}"
@@ -255,8 +296,14 @@ case $1 in
         fi
         exit 0
         ;;
+    create_quillon_share_env)
+        [ $# -eq 2 ] || { log "usage: $0 create_quillon_share_env PATH"; exit 1; }
+        create_share_env "$2"
+        exit $?
+        ;;
     *)
         echo "usage: $0 status|start|stop|backend_restart|watch_restart" >&2
+        echo "       $0 create_quillon_share_env PATH" >&2
         exit 1
         ;;
 esac
