@@ -33,6 +33,7 @@
 //   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
 //   mailserverctl personal show|forward|vacation|off USER ...       (see personal_commands.h)
 //   mailserverctl domain-usage show|set|counters ...                 (see domain_usage_commands.h)
+//   mailserverctl active list|refresh ...                             (see active_commands.h)
 //   mailserverctl global|dkim add|del|list ...                        (see global_commands.h)
 //
 // Exit status 0 on success; otherwise a message on stderr and 1 (2 for bad usage).
@@ -44,6 +45,7 @@
 #include "cluster/mailserver_cluster.h"
 #include "kolt/exec.h"
 #include "mailserverctl/access_commands.h"
+#include "mailserverctl/active_commands.h"
 #include "mailserverctl/alias_commands.h"
 #include "mailserverctl/conf_commands.h"
 #include "mailserverctl/domain_usage_commands.h"
@@ -126,6 +128,8 @@ int Usage() {
           "recipient-domains|refused ...\n"
           "       mailserverctl domain-usage show|set|counters DOMAIN ...\n"
           "       mailserverctl global|dkim add|del|list ...\n"
+          "       mailserverctl active list [OPTION...]\n"
+          "       mailserverctl active refresh\n"
           "       mailserverctl personal show|off USER\n"
           "       mailserverctl personal forward USER ADDRESS [--keep-copy yes|no]\n"
           "       mailserverctl personal vacation USER [--subject TEXT --body TEXT] "
@@ -229,6 +233,9 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "dkim") {
     return mailserverctl::DkimCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "active") {
+    return mailserverctl::ActiveCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "domain-usage") {
     return mailserverctl::DomainUsageCommand(
