@@ -235,3 +235,10 @@ int prepareQuillonShareEnv(const std::string &path) {
                        kClusterDaemon, rc);
   return rc;
 }
+
+int RsyncListFolder(const std::string &user, const std::string &host,
+                    const std::string &remoteFolder, const std::string &keyFolder, int recursive,
+                    const std::string &exclude) {
+  std::vector<RsyncListEntry> entries;
+  return RsyncListFolder(user, host, remoteFolder, keyFolder, recursive, exclude, entries);
+}

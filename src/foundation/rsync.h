@@ -48,6 +48,11 @@ QSV_EXPORT int RsyncListFolder(const std::string &user, const std::string &host,
                                const std::string &remoteFolder, const std::string &keyFolder,
                                int recursive, const std::string &exclude,
                                std::vector<RsyncListEntry> &entries);
+// The six-word form callers written against the plain interface use: the same listing, of which
+// only the number of entries is given back.
+QSV_EXPORT int RsyncListFolder(const std::string &user, const std::string &host,
+                               const std::string &remoteFolder, const std::string &keyFolder,
+                               int recursive, const std::string &exclude);
 
 // Makes `path` the folder that peers copy through, with the package's ssh folders beside, by
 // running ClusterDaemon.sh create_quillon_share_env. The script's exit status.
