@@ -26,6 +26,8 @@ namespace {
 
 const char kForwardFile[] = ".forward";
 const char kKeyPrefix[] = "personal-";
+// As long as a caller of setFile waits for a key's upload lock.
+constexpr int kLockTries = 5;
 
 struct Ids {
   uid_t uid;
@@ -178,7 +180,25 @@ int Personal::SyncFile(const std::string &type, const std::string &path) {
 
 int Personal::RemoveBackendKey(const std::string &type) {
   const std::string key = ComposeBackendKey(type);
-  if (!QuillonServerBACKENDWrap().removeKey(key)) {
+  const std::string uploadKey = KOLT::QUILLON_SERVER::FileUploadKey(key);
+  QuillonServerBACKENDWrap store;
+  // A cycle of this file still under way would bring the file back: its sender would write the
+  // key again and its receivers would land the file. It goes first, under the cycle's own lock.
+  if (store.exist(uploadKey)) {
+    const std::string hostId = KOLTMailNodeCluster().getHostID();
+    if (hostId.empty() || !store.getUploadKeyLock(uploadKey, kLockTries)) {
+      maillog(3, "%s:%d Failed to got lock of key %s", QSV_FILE, __LINE__, uploadKey.c_str());
+      return -1;
+    }
+    const bool cleared = store.taskRemove(hostId, uploadKey, true, false);
+    store.releaseLock(uploadKey);
+    if (!cleared) {
+      maillog(3, "%s:%d Failed to taskRemove([%s], [%s])", QSV_FILE, __LINE__, hostId.c_str(),
+              uploadKey.c_str());
+      return -1;
+    }
+  }
+  if (!store.removeKey(key)) {
     maillog(3, "%s:%d Failed to remove key '%s'", QSV_FILE, __LINE__, key.c_str());
     return -1;
   }

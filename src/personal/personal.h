@@ -53,7 +53,8 @@ class QSV_EXPORT Personal {
   void SetReplyEndTime(long when) { replyEnd_ = when; }
 
   // Writes .forward and publishes it when forward or reply is on; otherwise removes the file
-  // and its key, whatever keep copy says. A forward address must be one plain address (no
+  // and its key, whatever keep copy says, and stops a sync of it still under way (the other
+  // nodes' key watchers then remove their copies). A forward address must be one plain address (no
   // blank, control character, quote, backslash, "|" or ",", and not starting with "/", ":" or
   // "#"), since the delivery agent would take anything else as a program, a file or a list.
   // 0, or -1 when this node's file could not be written or removed, or the cluster did not take
@@ -72,7 +73,7 @@ class QSV_EXPORT Personal {
   // "vacation" (that file is the reply to everyone); a subject with a line break is refused.
   // 0, or -1 as save.
   int WriteReplyContent(const char *sender, const std::string &subject, const std::string &body);
-  // Removes the reply to `sender` here and its key. 0, or -1.
+  // Removes the reply to `sender` here and, as save does for .forward, its key. 0, or -1.
   int RemoveReplySetting(const std::string &sender);
   // The senders that have a reply of their own, by name.
   std::list<std::string> GetReplyList();

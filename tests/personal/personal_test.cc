@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "harness/cluster_nodes.h"
+#include "harness/mailserverctl_run.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
 #include "harness/syslog_capture.h"
@@ -62,7 +63,13 @@ class PersonalTest : public testing::Test {
   }
   static void TearDownTestSuite() { delete cluster_; }
   void SetUp() override {
-    // Every test starts from a user with nothing set.
+    // Every test starts from a user with nothing set, once the key watcher is through with the
+    // last test's files: a cycle still running would write its key again.
+    EXPECT_TRUE(Eventually([] {
+      return StoreCommand(cluster_->password(), {"KEYS", "kv_file_upload/*"}).empty() &&
+             StoreCommand(cluster_->password(), {"KEYS", "quillon_server_lock/*"}).empty();
+    }));
+    usleep(300 * 1000);
     Personal bob("bob");
     ASSERT_TRUE(bob.isValid()) << bob.getErrKey();
     system(("rm -rf " + dir_ + "/.[a-z]*").c_str());
@@ -83,6 +90,28 @@ class PersonalTest : public testing::Test {
 };
 
 TEST_F(PersonalTest, ForwardGetsTheLinesOfEachCombinationAndBothOffRemoveFileAndKey) {
+  // Written by hand, before this test gives bob a key (once it is removed, the key watcher takes
+  // the file away): a bare day is local midnight; comments alone are no forward.
+  WriteFile(dir_ + "/.forward", "# away\n\"|/usr/bin/vacation bob -b 2030/01/02\"\n");
+  Personal byHand("bob");
+  EXPECT_TRUE(byHand.isEnabledReply());
+  EXPECT_EQ(byHand.GetReplyBeginTime(), LocalTime(2030, 1, 2, 0, 0));
+  EXPECT_EQ(byHand.GetReplyEndTime(), -1);
+  WriteFile(dir_ + "/.forward", "# nothing\n\n   # still nothing\n");
+  Personal comments("bob");
+  EXPECT_FALSE(comments.isEnabledForward());
+  EXPECT_EQ(comments.getForwardAddr(), "");
+
+  // A forward line the delivery agent would run, or a second line smuggled in, is refused.
+  for (const char *address : {"|/bin/sh -c x", "a@example.com\n|/bin/sh", "/etc/passwd",
+                              "a@example.com,b@example.com", ""}) {
+    Personal evil("bob");
+    evil.setForward(true);
+    evil.setForwardAddr(address);
+    EXPECT_EQ(evil.save(), -1) << address;
+  }
+  EXPECT_EQ(Forward(), "# nothing\n\n   # still nothing\n");
+
   const long begin = LocalTime(2030, 1, 1, 8, 30);
   const long end = LocalTime(2030, 1, 10, 18, 0);
   struct Case {
@@ -135,26 +164,6 @@ TEST_F(PersonalTest, ForwardGetsTheLinesOfEachCombinationAndBothOffRemoveFileAnd
   EXPECT_FALSE(Exists(dir_ + "/.forward"));
   EXPECT_TRUE(Key("forward", false));
 
-  // Written by hand: a bare day is local midnight; comments alone are no forward.
-  WriteFile(dir_ + "/.forward", "# away\n\"|/usr/bin/vacation bob -b 2030/01/02\"\n");
-  Personal byHand("bob");
-  EXPECT_TRUE(byHand.isEnabledReply());
-  EXPECT_EQ(byHand.GetReplyBeginTime(), LocalTime(2030, 1, 2, 0, 0));
-  EXPECT_EQ(byHand.GetReplyEndTime(), -1);
-  WriteFile(dir_ + "/.forward", "# nothing\n\n   # still nothing\n");
-  Personal comments("bob");
-  EXPECT_FALSE(comments.isEnabledForward());
-  EXPECT_EQ(comments.getForwardAddr(), "");
-
-  // A forward line the delivery agent would run, or a second line smuggled in, is refused.
-  for (const char *address : {"|/bin/sh -c x", "a@example.com\n|/bin/sh", "/etc/passwd",
-                              "a@example.com,b@example.com", ""}) {
-    Personal evil("bob");
-    evil.setForward(true);
-    evil.setForwardAddr(address);
-    EXPECT_EQ(evil.save(), -1) << address;
-  }
-  EXPECT_EQ(Forward(), "# nothing\n\n   # still nothing\n");
 
   Personal stranger("nobody-here");
   EXPECT_FALSE(stranger.isValid());
@@ -280,6 +289,61 @@ TEST_F(PersonalTest, UpdateFileFollowsTheKeyAndAChangedReplyClearsTheVacationMem
   std::string path;
   ASSERT_EQ(Personal::LocalFilePath("personal/personal-" + uid + "-sender-a@b.example", path), 0);
   EXPECT_EQ(path, dir_ + "/.a@b.example.msg");
+}
+
+}  // namespace
+
+namespace {
+
+// What an administrator types: every refusal is one line, exit status 1, and nothing changed.
+TEST_F(PersonalTest, MailserverctlRefusesBadWordsBeforeAnythingChangesAndShowsWhatIsSet) {
+  ASSERT_EQ(qsvtest::RunCtl({"personal", "forward", "bob", "alice@example.com", "--keep-copy",
+                             "yes"}).status,
+            0);
+  ASSERT_EQ(qsvtest::RunCtl({"personal", "vacation", "bob", "--subject", "Away", "--body",
+                             "Back soon.", "--end", "2030-01-10"}).status,
+            0);
+  const std::string before = Forward();
+  const std::vector<std::vector<std::string>> refused = {
+      {"forward", "bob", "|/bin/sh"},
+      {"forward", "bob", "alice@example.com\n|/bin/sh"},
+      {"forward", "bob", "alice@no_domain"},
+      {"forward", "bob", "alice@example.com", "--keep-copy", "maybe"},
+      {"forward", "nobody-here", "alice@example.com"},
+      {"vacation", "bob", "--sender", "../../x@example.com", "--subject", "s", "--body", "b"},
+      {"vacation", "bob", "--sender", "a/b@example.com", "--subject", "s", "--body", "b"},
+      {"vacation", "bob", "--subject", "s\x01", "--body", "b"},
+      {"vacation", "bob", "--subject", "s"},
+      {"vacation", "bob", "--begin", "2030-02-01", "--end", "2030-01-01"},
+      {"vacation", "bob", "--until", "2030-01-01"},
+      {"off", "bob@example.com"},
+  };
+  for (std::vector<std::string> words : refused) {
+    for (std::string &word : words) {
+      // A literal control character, as a script might pass one.
+      for (const auto &escape : {std::make_pair(std::string("\\n"), std::string("\n")),
+                                 std::make_pair(std::string("\\x01"), std::string("\x01"))}) {
+        const size_t at = word.find(escape.first);
+        if (at != std::string::npos) word.replace(at, escape.first.size(), escape.second);
+      }
+    }
+    words.insert(words.begin(), "personal");
+    const qsvtest::CtlResult result = qsvtest::RunCtl(words);
+    EXPECT_EQ(result.status, 1) << words[2] << " " << words.back() << ": " << result.output;
+    EXPECT_EQ(result.output.rfind("mailserverctl: ", 0), 0u) << result.output;
+  }
+  EXPECT_EQ(Forward(), before);
+  EXPECT_EQ(ReadFile(dir_ + "/.vacation.msg"), "From:bob\nSubject:Away\nBack soon.\n");
+  EXPECT_FALSE(Exists("/var/spool/mail/x@example.com.msg"));
+
+  const qsvtest::CtlResult shown = qsvtest::RunCtl({"personal", "show", "bob"});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_EQ(shown.output,
+            "forward     yes\naddress     alice@example.com\nkeep copy   yes\nreply       yes\n"
+            "begin       -\nend         2030-01-10 23:59:59\nsubject     Away\n");
+
+  ASSERT_EQ(qsvtest::RunCtl({"personal", "off", "bob"}).status, 0);
+  EXPECT_FALSE(Exists(dir_ + "/.forward"));
 }
 
 }  // namespace
