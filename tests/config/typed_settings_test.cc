@@ -322,13 +322,17 @@ TEST_F(TypedSettingsTest, ScannerDefaultsFormatsAndItsEngineScript) {
 }
 
 TEST_F(TypedSettingsTest, ReportSettingsFollowTheSmtpSettingsAndADamagedKeyThrows) {
+  // No report key written yet; the server and the sender follow the SMTP settings of the suite.
+  Postfix postfix;
+  ASSERT_EQ(postfix.LoadSettings(), 0);
   Reporter empty = Reporter::LoadSetting();
   EXPECT_FALSE(empty.IsEnabled());
   EXPECT_EQ(empty.GetReportTime().hour, 0u);
   EXPECT_EQ(empty.GetReportTime().minute, 0u);
   EXPECT_EQ(empty.GetSMTP().host, "localhost");
-  EXPECT_EQ(empty.GetSMTP().port, 25);
-  EXPECT_EQ(empty.GetSender().address, "reporter@localdomain");
+  EXPECT_EQ(empty.GetSMTP().port, ValueOf<int>(postfix, "smtp_port"));
+  EXPECT_EQ(empty.GetSender().address,
+            "reporter@" + ValueOf<std::string>(postfix, "smtp_main_domain"));
 
   Reporter report;
   report.SetEnable(true);
