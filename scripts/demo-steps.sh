@@ -240,6 +240,16 @@ show "$ctl" domain-usage counters example.com --delete both alice
 show "$ctl" domain-usage counters example.com alice bob carol
 show "$target/scripts/daemon/memcached.sh" stop
 
+step "Forward and vacation: a user's mail forwarded with a kept copy and an automatic reply, the .forward as the delivery agent reads it"
+id alice >/dev/null 2>&1 || useradd -M alice
+show "$ctl" personal forward alice alice.private@example.net --keep-copy yes
+show "$ctl" personal vacation alice --subject "Out of office" --body "Back on Monday."
+show "$ctl" personal show alice
+forward="/var/spool/mail/local/$(id -u alice)/.forward"
+echo "$forward, $(stat -c '%U, mode %a' "$forward"):"
+cat "$forward"
+show "$ctl" personal off alice
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop
