@@ -1,6 +1,7 @@
 // Files spread between three nodes, each in its own mount namespace with its own key watcher,
 // through one shared key store and one shared file buffer, as a small real cluster would.
 #include <grp.h>
+#include <sqlite3.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -120,6 +121,43 @@ class FileSyncCluster : public ::testing::Test {
 ServerProcess *FileSyncCluster::redis_;
 ServerProcess *FileSyncCluster::buffer_;
 ClusterNodes *FileSyncCluster::nodes_;
+
+// Rows of `table` whose pattern is `pattern` in the database at `path`; -1 when it can't be read.
+// SQLite resolves the links of a path, and a node's /proc/PID/root would lead it back into the
+// test's own namespace: it reads a copy.
+int PatternRows(const std::string &path, const char *table, const std::string &pattern) {
+  if (!Exists(path)) return -1;
+  const std::string copy = "/tmp/pattern-rows.db";
+  qsvtest::WriteFile(copy, ReadFile(path));
+  sqlite3 *db = nullptr;
+  int count = -1;
+  if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt *query = nullptr;
+    const std::string sql = std::string("SELECT COUNT(*) FROM ") + table + " WHERE pattern = ?1";
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &query, nullptr) == SQLITE_OK) {
+      sqlite3_bind_text(query, 1, pattern.c_str(), -1, SQLITE_TRANSIENT);
+      if (sqlite3_step(query) == SQLITE_ROW) count = sqlite3_column_int(query, 0);
+    }
+    sqlite3_finalize(query);
+  }
+  sqlite3_close(db);
+  return count;
+}
+
+// The global lists and the DKIM whitelist changed on one node reach the others' files.
+TEST_F(FileSyncCluster, GlobalListsChangedOnOneNodeReachTheOthers) {
+  ASSERT_EQ(Ctl(1, {"global", "add", "white", "sender", "boss@example.com"}), 0);
+  ASSERT_EQ(Ctl(1, {"dkim", "add", "203.0.113.0/24"}), 0);
+  for (int node : {2, 3}) {
+    EXPECT_TRUE(Eventually([&] {
+      return PatternRows(On(node, "/var/packages/Quillon-Server/etc/global_access_list.db"),
+                         "whitelist", "boss@example.com") == 1 &&
+             PatternRows(On(node, "/var/packages/Quillon-Server/etc/dkim_sign_whitelist.db"),
+                         "whitelist", "203.0.113.0/24") == 1;
+    })) << node;
+  }
+  EXPECT_TRUE(Eventually(CyclesDone));
+}
 
 TEST_F(FileSyncCluster, FilesLandWithContentOwnerModeAndDirectoriesThenTheCycleClearsUp) {
   const uid_t nobody = getpwnam("nobody")->pw_uid;
