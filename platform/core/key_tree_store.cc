@@ -103,6 +103,16 @@ const KeyRow kKeys[] = {
     {"imap_", "conf", {kDovecot}},
     {"pop3_", "conf", {kDovecot}},
     {"dovecot_", "conf", {kDovecot}},
+    {"imaps_", "conf", {kDovecot}},
+    {"pop3s_", "conf", {kDovecot}},
+    // It rules POP3 logins as much as IMAP ones, whatever its prefix says.
+    {"imap_pop3_security_auth", "conf", {kDovecot}},
+    {"enable_dovecot_auth_", "conf", {kDovecot}},
+    {"max_userip_conn", "conf", {kDovecot}},
+    // Full-text search is the IMAP server's: its switches, its word splitter, and the ids of the
+    // users and groups allowed or refused it.
+    {"fts_", "conf", {kDovecot}},
+    {"jieba_enabled", "conf", {kDovecot}},
     // content scanning
     {"spam_", "conf", {kSpam}},
     {"mailserver_rule_status-", "rule", {kSpam}},

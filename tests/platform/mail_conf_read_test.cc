@@ -61,7 +61,15 @@ TEST(KeyTreeStoreTest, FullNamesTreesServicesAndRoles) {
       {"allow_webbugs", "mailserver_service_spam", "conf"},
       {"mcp_rules", "mailserver_service_spam", "conf"},
       {"anti_virus_engine", "mailserver_service_antivirus", "conf"},
-      {"reject_unknown_sender_domain", "mailserver_service_postfix", "conf"}};
+      {"reject_unknown_sender_domain", "mailserver_service_postfix", "conf"},
+      // The IMAP and POP3 keys that carry no "imap_" or "pop3_" prefix still reach Dovecot.
+      {"imaps_enabled", "mailserver_service_dovecot", "conf"},
+      {"pop3s_enabled", "mailserver_service_dovecot", "conf"},
+      {"imap_pop3_security_auth", "mailserver_service_dovecot", "conf"},
+      {"enable_dovecot_auth_local", "mailserver_service_dovecot", "conf"},
+      {"max_userip_conn", "mailserver_service_dovecot", "conf"},
+      {"fts_forbidden_group", "mailserver_service_dovecot", "conf"},
+      {"jieba_enabled", "mailserver_service_dovecot", "conf"}};
   for (auto &s : services) {
     EXPECT_EQ(store->getKeyServ(s[0]), std::vector<std::string>{s[1]}) << s[0];
     EXPECT_EQ(store->treeGet(s[0]), s[2]) << s[0];
