@@ -7,7 +7,8 @@ PKGS="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
  libgtest-dev libgmock-dev googletest libbenchmark-dev faketime
  libjsoncpp-dev libboost-dev libsqlite3-dev sqlite3 libssl-dev libmemcached-dev libcurl4-openssl-dev
  libgeoip-dev libhiredis-dev libidn2-dev
- redis-server redis-tools memcached postfix postfix-pcre dovecot-core iproute2 util-linux procps
+ redis-server redis-tools memcached postfix postfix-pcre iproute2 util-linux procps
+ dovecot-core dovecot-imapd dovecot-pop3d
  spamassassin spamd spamc clamav clamav-daemon clamdscan
  chromium-headless-shell fonts-dejavu-core gnuplot-nox
  rsync openssh-server openssh-client"
