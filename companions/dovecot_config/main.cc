@@ -109,6 +109,22 @@ int WriteConf(const dovecotconf::AccessSettings &settings) {
   return 0;
 }
 
+// Dovecot's mail processes run as the user, and must pass through the folder of the account
+// domain to reach the user's own directory; the suite makes that folder for root alone. It gets
+// the right to pass for everybody, never the right to list. A folder that isn't root's own (or is
+// a link) is left as it is.
+void LetUsersThrough(const std::string &domainPath) {
+  mkdir(domainPath.c_str(), 0711);
+  const int fd = open(domainPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  struct stat st;
+  if (fd < 0 || fstat(fd, &st) != 0 || st.st_uid != 0 ||
+      ((st.st_mode & 0001) == 0 && fchmod(fd, (st.st_mode & 07777) | 0001) != 0)) {
+    NOTE("users can't be let through %s to their mail directories: %s", domainPath.c_str(),
+         fd < 0 ? strerror(errno) : "it isn't root's own folder");
+  }
+  if (fd >= 0) close(fd);
+}
+
 int Write() {
   dovecotconf::AccessSettings settings;
   std::string why;
@@ -122,6 +138,7 @@ int Write() {
   if (settings.fts && settings.jieba) {
     NOTE("the jieba word splitter is on, but this node has no full-text search index for it");
   }
+  LetUsersThrough(settings.mailDomainPath);
   mkdir(kLockDir, 0755);
   const int lock = open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lock < 0 || flock(lock, LOCK_EX) != 0) {
