@@ -16,6 +16,7 @@
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
 #include "foundation/mail_dir_path.h"
+#include "harness/mailserverctl_run.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
 #include "harness/run_as.h"
@@ -255,6 +256,72 @@ TEST_F(ImapPop3Test, StoredValueThatWouldAddADirectiveIsRefusedAndTheOldConfigur
   EXPECT_FALSE(PortOpen(143));
   EXPECT_EQ(qsvtest::ReadFile(kConf), before);
   ASSERT_EQ(mailConfSet("max_userip_conn", "", true, 0), 0);
+}
+
+TEST_F(ImapPop3Test, CommandLineSetsTheSettingsOfEachKindAndARunningDovecotFollows) {
+  Save({"imap_enabled"});
+  ASSERT_EQ(ImapPop3::Service("start"), 0);
+  const std::string conf = qsvtest::ReadFile(kConf);
+  const std::string keyFile = std::string(kMailConfDir) + toLeagalFileName("max_userip_conn");
+  const std::string stored = qsvtest::ReadFile(keyFile);
+  const std::pair<std::vector<std::string>, const char *> refused[] = {
+      {{"max_userip_conn", "0"}, "takes 1 to 65535"},
+      {{"max_userip_conn", "30\nauth_debug=yes"}, "takes a whole number"},
+      {{"fts_allowed_user", "1,,2"}, "ids joined by"},
+      {{"imap_enabled", "on"}, "takes yes or no"},
+      {{"imap_port", "143"}, "no IMAP and POP3 setting is called"},
+      {{"max_userip_conn", "12", "max_userip_conn", "13"}, "given twice"},
+  };
+  for (const auto &[pairs, why] : refused) {
+    std::vector<std::string> args = {"settings", "set", "--of", "imap"};
+    args.insert(args.end(), pairs.begin(), pairs.end());
+    const qsvtest::CtlResult result = qsvtest::RunCtl(args);
+    EXPECT_EQ(result.status, 1) << pairs[0] << ": " << result.output;
+    EXPECT_NE(result.output.find(why), std::string::npos) << result.output;
+    EXPECT_EQ(qsvtest::ReadFile(keyFile), stored);
+  }
+  EXPECT_EQ(qsvtest::ReadFile(kConf), conf);
+
+  // A set reaches the running Dovecot at once.
+  EXPECT_EQ(qsvtest::RunCtl({"settings", "set", "--of", "imap", "max_userip_conn", "12",
+                             "fts_forbidden_group", "100,1001"}).status, 0);
+  EXPECT_NE(qsvtest::ReadFile(kConf).find("\nmail_max_userip_connections = 12\n"),
+            std::string::npos);
+  const std::string shown = qsvtest::RunCtl({"settings", "show", "--of", "imap"}).output;
+  EXPECT_NE(shown.find("fts_forbidden_group"), std::string::npos) << shown;
+  EXPECT_NE(shown.find(" 100,1001\n"), std::string::npos) << shown;
+  EXPECT_NE(shown.find(" yes  (default)\n"), std::string::npos) << shown;
+  EXPECT_EQ(qsvtest::RunCtl({"settings", "service", "--of", "imap", "status"}).output,
+            "running\n");
+  EXPECT_EQ(qsvtest::RunCtl({"settings", "set", "--of", "imap", "imap_enabled", "no"}).status, 0);
+  EXPECT_FALSE(PortOpen(143));
+  EXPECT_EQ(qsvtest::RunCtl({"settings", "service", "--of", "imap", "status"}).status, 1);
+
+  // The other kinds go through the same words; without --of it is the SMTP settings.
+  EXPECT_NE(qsvtest::RunCtl({"settings", "show"}).output.find("\nsmtp_port "), std::string::npos);
+  EXPECT_NE(qsvtest::RunCtl({"settings", "show", "--of", "scanner"}).output.find("spam_enable "),
+            std::string::npos);
+  for (const std::vector<std::string> &bad : std::vector<std::vector<std::string>>{
+           {"report_time_hour", "24"}, {"report_time_min", "-1"},
+           {"report_rcpt_1", "two words@example.test"}, {"report_enable_report", "1"},
+           {"report_sender", "x@example.test"}}) {
+    std::vector<std::string> args = {"settings", "set", "--of", "report"};
+    args.insert(args.end(), bad.begin(), bad.end());
+    EXPECT_EQ(qsvtest::RunCtl(args).status, 1) << bad[0] << " " << bad[1];
+  }
+  EXPECT_EQ(qsvtest::RunCtl({"settings", "set", "--of", "report", "report_enable_report", "yes",
+                             "report_rcpt_2", "boss@example.test", "report_time_hour", "23",
+                             "report_time_min", "5"}).status, 0);
+  const std::string report = qsvtest::RunCtl({"settings", "show", "--of", "report"}).output;
+  for (const char *line : {"report_enable_report", "boss@example.test\n", " 23\n", " 5\n",
+                           "Quillon <reporter@localdomain>\n", "localhost:25\n"}) {
+    EXPECT_NE(report.find(line), std::string::npos) << line << " in\n" << report;
+  }
+  // The report's other tests expect a store without its keys.
+  for (const char *key : {"report_enable_report", "report_rcpt_2", "report_time_hour",
+                          "report_time_min"}) {
+    ASSERT_EQ(mailConfSet(key, "", true, 0), 0);
+  }
 }
 
 }  // namespace

@@ -5,8 +5,9 @@
 //   mailserverctl conf set KEY VALUE [KEY VALUE ...]
 //   mailserverctl cluster status
 //   mailserverctl backend start|stop
-//   mailserverctl settings show
-//   mailserverctl settings set KEY VALUE [KEY VALUE ...]
+//   mailserverctl settings show [--of postfix|imap|scanner|report]
+//   mailserverctl settings set [--of postfix|imap|scanner|report] KEY VALUE [KEY VALUE ...]
+//   mailserverctl settings service --of imap start|stop|restart|reload|status
 //   mailserverctl domain add|del NAME
 //   mailserverctl domain list
 //   mailserverctl balancer elect|status
@@ -79,8 +80,10 @@ int Usage() {
           "       mailserverctl conf set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl cluster status\n"
           "       mailserverctl backend start|stop\n"
-          "       mailserverctl settings show\n"
-          "       mailserverctl settings set KEY VALUE [KEY VALUE ...]\n"
+          "       mailserverctl settings show [--of postfix|imap|scanner|report]\n"
+          "       mailserverctl settings set [--of postfix|imap|scanner|report] KEY VALUE "
+          "[KEY VALUE ...]\n"
+          "       mailserverctl settings service --of imap start|stop|restart|reload|status\n"
           "       mailserverctl domain add|del NAME\n"
           "       mailserverctl domain list\n"
           "       mailserverctl balancer elect|status\n"
@@ -191,11 +194,8 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "cluster" && args.size() == 2 && args[1] == "status") return ClusterStatus();
   if (command == "backend" && args.size() == 2) return Backend(args[1]);
-  if (command == "settings" && args.size() == 2 && args[1] == "show") {
-    return mailserverctl::SettingsShow();
-  }
-  if (command == "settings" && args.size() >= 4 && args[1] == "set" && args.size() % 2 == 0) {
-    return mailserverctl::SettingsSet(std::vector<std::string>(args.begin() + 2, args.end()));
+  if (command == "settings") {
+    return mailserverctl::SettingsCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "domain" && args.size() == 2 && args[1] == "list") {
     return mailserverctl::DomainCommand("list", "");

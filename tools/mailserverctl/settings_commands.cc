@@ -1,5 +1,6 @@
 #include "mailserverctl/settings_commands.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 
@@ -9,7 +10,10 @@
 #include "foundation/strings.h"
 #include "kolt/crypt.h"
 #include "mailserverctl/error.h"
+#include "mailserverctl/imap_commands.h"
 #include "mailserverctl/names.h"
+#include "mailserverctl/report_commands.h"
+#include "mailserverctl/scanner_commands.h"
 #include "mailserverctl/typed_settings.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
@@ -65,6 +69,47 @@ std::string StoredSettingRefusal(const std::string &key, const std::string &valu
 std::string DamagedSetting() {
   Postfix postfix;
   return DamagedKey(postfix, StoredSettingRefusal);
+}
+
+int SettingsCommand(const std::vector<std::string> &args) {
+  const std::string word = args.empty() ? "" : args[0];
+  std::string of = "postfix";
+  size_t rest = 1;
+  if (args.size() >= 3 && args[1] == "--of") {
+    of = args[2];
+    rest = 3;
+  }
+  const std::vector<std::string> more(args.begin() + std::min(rest, args.size()), args.end());
+  if (of != "postfix" && of != "imap" && of != "scanner" && of != "report") {
+    return Error("unknown settings " + Quoted(of) + ": --of takes postfix, imap, scanner or report");
+  }
+  if (word == "show" && more.empty()) {
+    if (of == "imap") return ImapShow();
+    if (of == "scanner") return ScannerCommand({"show"});
+    if (of == "report") return ReportShow();
+    return SettingsShow();
+  }
+  if (word == "set" && !more.empty() && more.size() % 2 == 0) {
+    if (of == "imap") return ImapSet(more);
+    if (of == "report") return ReportSet(more);
+    if (of == "scanner") {
+      std::vector<std::string> words = {"set"};
+      words.insert(words.end(), more.begin(), more.end());
+      return ScannerCommand(words);
+    }
+    return SettingsSet(more);
+  }
+  if (word == "service" && of == "imap" && more.size() == 1) return ImapService(more[0]);
+  if (word == "service" && rest == 3 && more.size() == 1) {
+    return Error("settings service runs Dovecot only (--of imap); the scanner's daemon is "
+                 "`mailserverctl av service`");
+  }
+  fprintf(stderr,
+          "usage: mailserverctl settings show [--of postfix|imap|scanner|report]\n"
+          "       mailserverctl settings set [--of postfix|imap|scanner|report] KEY VALUE "
+          "[KEY VALUE ...]\n"
+          "       mailserverctl settings service --of imap start|stop|restart|reload|status\n");
+  return 2;
 }
 
 int SettingsShow() {

@@ -3,6 +3,12 @@
 //   settings show                  every SMTP key with its value; "(default)" marks defaults
 //   settings set KEY VALUE ...     typed: a bool key takes yes or no, an int key a number, a port
 //                                  1 to 65535
+//   settings show|set --of postfix|imap|scanner|report ...
+//                                  the same over the SMTP settings (postfix, as without --of), the
+//                                  IMAP and POP3 settings (imap_commands.h), the content scanner's
+//                                  (as `scanner show|set`) or the daily report's
+//                                  (report_commands.h)
+//   settings service --of imap start|stop|restart|reload|status
 //   domain add|del NAME, domain list   NAME a domain name, in UTF-8 or punycode
 //   balancer elect, balancer status
 //
@@ -22,6 +28,9 @@ namespace mailserverctl {
 std::string StoredSettingRefusal(const std::string &key, const std::string &value);
 // The first stored SMTP setting that StoredSettingRefusal refuses, with the reason, or "".
 std::string DamagedSetting();
+
+// args: the words after "settings".
+int SettingsCommand(const std::vector<std::string> &args);
 
 int SettingsShow();
 int SettingsSet(const std::vector<std::string> &pairs);
