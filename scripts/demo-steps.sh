@@ -250,6 +250,47 @@ echo "$forward, $(stat -c '%U, mode %a' "$forward"):"
 cat "$forward"
 show "$ctl" personal off alice
 
+step "IMAP: switched on in the settings, Dovecot started through the library with the package's own configuration, a user's login over loopback; then switched off"
+id erin >/dev/null 2>&1 || useradd -M erin
+echo 'erin:Imap-Demo-1' | chpasswd
+# The suite makes a user's mail directory the first time it looks at the user.
+"$ctl" personal show erin >/dev/null
+show "$ctl" settings set --of imap imap_enabled yes max_userip_conn 10
+"$ctl" settings show --of imap | grep -E '^(imap_enabled|imaps_enabled|pop3_enabled|max_userip_conn) '
+show "$ctl" settings service --of imap start
+show "$ctl" settings service --of imap status
+dovecot_conf=/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf
+show /var/packages/Quillon-Server/target/bin/doveconf -n -c "$dovecot_conf"
+# One IMAP conversation, each line as it went: C from the client, S from the server.
+imap_say() {
+    printf 'C: %s\n' "$1"
+    printf '%s\r\n' "$1" >&3
+    local reply
+    while read -r -t 10 reply <&3; do
+        reply=${reply%$'\r'}
+        printf 'S: %s\n' "${reply:0:110}"
+        [[ $reply == "${1%% *} "* ]] && break
+    done
+}
+exec 3<>/dev/tcp/127.0.0.1/143
+read -r -t 10 greeting <&3
+printf 'S: %s\n' "${greeting%$'\r'}"
+imap_say "a LOGIN erin Imap-Demo-1"
+imap_say "b SELECT INBOX"
+imap_say "c LOGOUT"
+exec 3>&-
+echo "Someone who can write the store's files puts a directive into a number; the writer refuses it and Dovecot keeps its configuration:"
+bad=$(printf '10\nauth_debug_passwords=yes')
+printf '$ %s conf set max_userip_conn %q\n' "$ctl" "$bad"
+"$ctl" conf set max_userip_conn "$bad"
+if "$ctl" settings service --of imap reload; then echo "UNEXPECTED: the reload was accepted"; exit 1; fi
+grep -E '^(mail_max_userip_connections|auth_debug)' "$dovecot_conf"
+show "$ctl" settings set --of imap max_userip_conn 10
+show "$ctl" settings set --of imap imap_enabled no
+if "$ctl" settings service --of imap status; then echo "UNEXPECTED: Dovecot still runs"; exit 1; fi
+if (exec 3<>/dev/tcp/127.0.0.1/143) 2>/dev/null; then echo "UNEXPECTED: 143 is open"; exit 1; fi
+echo "Port 143 is closed."
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop
