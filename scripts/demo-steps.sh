@@ -291,6 +291,15 @@ if "$ctl" settings service --of imap status; then echo "UNEXPECTED: Dovecot stil
 if (exec 3<>/dev/tcp/127.0.0.1/143) 2>/dev/null; then echo "UNEXPECTED: 143 is open"; exit 1; fi
 echo "Port 143 is closed."
 
+step "Global lists: a network whitelisted for all mail, its CIDR form answered by Postfix's own cidr table"
+show "$ctl" global add white network 192.0.2.77/255.255.255.0 --description "branch office"
+show "$ctl" global add black sender offers@bulk-mailer.example
+show "$ctl" global list white --cidr
+"$ctl" global list white --type network --cidr | awk -F'\t' '$3 == "network" { print $4, "OK" }' \
+    >/tmp/demo-whitelist.cidr
+echo "192.0.2.200 -> $("$target/sbin/postmap" -q 192.0.2.200 cidr:/tmp/demo-whitelist.cidr)"
+echo "192.0.3.1 -> $("$target/sbin/postmap" -q 192.0.3.1 cidr:/tmp/demo-whitelist.cidr || echo "(no match)")"
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop
