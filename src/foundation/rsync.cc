@@ -103,10 +103,10 @@ bool SshCommand(const std::string &keyFolder, bool quoted, std::string &out) {
                 keyFolder.c_str());
 }
 
-bool RemoteSpec(const std::string &user, const std::string &host, const std::string &path,
+bool RemoteAddress(const std::string &user, const std::string &host, const std::string &path,
                 std::string &out) {
   return UserWord(user) && HostWord(host) && RemotePathWord(path) &&
-         Format(out, "remote spec", "%s@%s:%s", user.c_str(), host.c_str(), path.c_str());
+         Format(out, "remote address", "%s@%s:%s", user.c_str(), host.c_str(), path.c_str());
 }
 
 // The arguments after the program's name, in the platform's list. Null when memory ran out.
@@ -137,13 +137,13 @@ int Run(const std::vector<std::string> &words) {
 int Copy(bool push, const std::string &user, const std::string &host,
          const std::string &remotePath, const std::string &localPath,
          const std::string &keyFolder) {
-  std::string ssh, spec;
-  if (!SshCommand(keyFolder, true, ssh) || !RemoteSpec(user, host, remotePath, spec) ||
+  std::string ssh, remote;
+  if (!SshCommand(keyFolder, true, ssh) || !RemoteAddress(user, host, remotePath, remote) ||
       !LocalPathWord(localPath)) {
     return -1;
   }
-  if (push) return Run({"-a", "-e", ssh, "-s", localPath, spec});
-  return Run({"-a", "-e", ssh, "-s", spec, localPath});
+  if (push) return Run({"-a", "-e", ssh, "-s", localPath, remote});
+  return Run({"-a", "-e", ssh, "-s", remote, localPath});
 }
 
 }  // namespace
@@ -160,15 +160,15 @@ int RsyncPushFile(const std::string &user, const std::string &host, const std::s
 
 int RsyncStat(const std::string &user, const std::string &host, const std::string &remotePath,
               const std::string &keyFolder) {
-  std::string ssh, spec;
-  if (!SshCommand(keyFolder, true, ssh) || !RemoteSpec(user, host, remotePath, spec)) return -1;
-  return Run({"--list-only", "-e", ssh, "-s", spec});
+  std::string ssh, remote;
+  if (!SshCommand(keyFolder, true, ssh) || !RemoteAddress(user, host, remotePath, remote)) return -1;
+  return Run({"--list-only", "-e", ssh, "-s", remote});
 }
 
 int RsyncServiceCheck(const std::string &host) {
-  std::string spec;
-  if (!HostWord(host) || !Format(spec, "daemon spec", "%s::", host.c_str())) return -1;
-  return Run({"-s", spec});
+  std::string remote;
+  if (!HostWord(host) || !Format(remote, "daemon address", "%s::", host.c_str())) return -1;
+  return Run({"-s", remote});
 }
 
 int RsyncListFolder(const std::string &user, const std::string &host,
@@ -177,8 +177,8 @@ int RsyncListFolder(const std::string &user, const std::string &host,
   // A folder named with its trailing "/" lists what it holds, not only itself.
   const std::string folder =
       !remoteFolder.empty() && remoteFolder.back() != '/' ? remoteFolder + "/" : remoteFolder;
-  std::string ssh, spec;
-  if (!SshCommand(keyFolder, false, ssh) || !RemoteSpec(user, host, folder, spec)) return -1;
+  std::string ssh, remote;
+  if (!SshCommand(keyFolder, false, ssh) || !RemoteAddress(user, host, folder, remote)) return -1;
   if (HasControl(exclude)) {
     Refuse("exclude pattern", "holds a control character", __LINE__);
     return -1;
@@ -186,7 +186,7 @@ int RsyncListFolder(const std::string &user, const std::string &host,
   std::vector<std::string> words = {"--list-only"};
   if (recursive != 0) words.push_back("-r");
   if (!exclude.empty()) words.push_back("--exclude=" + exclude);
-  words.insert(words.end(), {"-e", ssh, "-s", spec});
+  words.insert(words.end(), {"-e", ssh, "-s", remote});
   KLIBSZLIST *list = Arguments(words);
   if (list == nullptr) return -1;
   FILE *listing;

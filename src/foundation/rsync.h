@@ -9,7 +9,7 @@
 //
 // Every word goes to rsync as an argument of its own, never through a shell. A word that rsync or
 // ssh could read as an option (a leading "-"), that holds a control character, or that would
-// change what the remote spec means is refused with a log line and -1 before anything runs. Local
+// change what the remote address means is refused with a log line and -1 before anything runs. Local
 // paths must be absolute. rsync gets -s, so remote paths with blanks or shell characters reach the
 // peer as they are.
 //
