@@ -29,13 +29,15 @@ spamd_log=$log_dir/spamd.log
 address=127.0.0.1
 port=8783
 
+daemon=spamd
+. "${BASH_SOURCE%/*}/daemon/daemon_common.sh"
+
 log() {
     echo "SpamDaemon.sh: $*" >&2
 }
 
 installed() {
-    # A link of the package to a tool that is not there is no spamd.
-    [ -x "$spamd" ] && [ -f "$(readlink -f "$spamd")" ]
+    tool_installed "$spamd"
 }
 
 need_spamd() {
@@ -45,22 +47,12 @@ need_spamd() {
     fi
 }
 
-# True while process $1 exists and has not ended.
-alive() {
-    local stat
-    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
-    stat=${stat##*) }
-    [ "${stat%% *}" != Z ]
-}
-
 # Prints the pid of our spamd when its pid file names a live spamd. A stale pid file may name a
 # process that has since reused the number, hence the name check; spamd renames itself to
 # "spamd" once it is a daemon.
 running_pid() {
-    local pid="" cmdline
-    [ -r "$spamd_pid" ] && read -r pid <"$spamd_pid"
-    case $pid in '' | *[!0-9]*) return 1 ;; esac
-    alive "$pid" || return 1
+    local pid cmdline
+    pid=$(live_pid_in "$spamd_pid") || return 1
     cmdline=$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)
     [[ " $cmdline " == *"/spamd "* || " $cmdline " == *" spamd "* ]] || return 1
     echo "$pid"
@@ -87,18 +79,6 @@ wait_ready() {
         sleep 0.1
     done
     return 1
-}
-
-# Waits until process $1 is gone; after $2 seconds it is killed.
-wait_gone() {
-    local i
-    for ((i = 0; i < $2 * 10; i++)); do
-        alive "$1" || return 0
-        sleep 0.1
-    done
-    log "spamd ($1) did not stop in $2 s; killing it"
-    kill -KILL "$1" 2>/dev/null
-    sleep 0.1
 }
 
 status() {
@@ -170,13 +150,6 @@ reload() {
         return 1
     fi
     return 0
-}
-
-# Starts, stops and reloads are serialised; status is not, since it changes nothing.
-take_lock() {
-    mkdir -p "${lock%/*}"
-    exec 9>"$lock"
-    flock -w 60 9 || log "waited 60 s for $lock; going on without it"
 }
 
 case $1 in

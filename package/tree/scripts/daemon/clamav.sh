@@ -27,13 +27,16 @@ socket_dir=$run/clamd
 socket=$socket_dir/clamd.sock
 clamd_log=$log_dir/clamd.log
 
+daemon=clamd
+lock_wait=120
+. "${BASH_SOURCE%/*}/daemon_common.sh"
+
 log() {
     echo "clamav.sh: $*" >&2
 }
 
 installed() {
-    # A link of the package to a tool that is not there is no clamd.
-    [ -x "$clamd" ] && [ -f "$(readlink -f "$clamd")" ]
+    tool_installed "$clamd"
 }
 
 need_clamd() {
@@ -43,21 +46,11 @@ need_clamd() {
     fi
 }
 
-# True while process $1 exists and has not ended.
-alive() {
-    local stat
-    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
-    stat=${stat##*) }
-    [ "${stat%% *}" != Z ]
-}
-
 # Prints the pid of our clamd when the pid file names a live clamd. A stale pid file may name a
 # process that has since reused the number, hence the name check.
 running_pid() {
-    local pid="" exe
-    [ -r "$pid_file" ] && read -r pid <"$pid_file"
-    case $pid in '' | *[!0-9]*) return 1 ;; esac
-    alive "$pid" || return 1
+    local pid exe
+    pid=$(live_pid_in "$pid_file") || return 1
     exe=$(tr '\0' '\n' <"/proc/$pid/cmdline" 2>/dev/null | head -n 1)
     [ "${exe##*/}" = clamd ] || return 1
     echo "$pid"
@@ -122,18 +115,6 @@ wait_ready() {
     return 1
 }
 
-# Waits until process $1 is gone; after $2 seconds it is killed.
-wait_gone() {
-    local i
-    for ((i = 0; i < $2 * 10; i++)); do
-        alive "$1" || return 0
-        sleep 0.1
-    done
-    log "clamd ($1) did not stop in $2 s; killing it"
-    kill -KILL "$1" 2>/dev/null
-    sleep 0.1
-}
-
 start() {
     status && return 0
     if ! has_database; then
@@ -173,13 +154,6 @@ reload() {
     "$clamdscan" --reload >/dev/null || return 1
     # The reload is done in the background; the daemon answers again once it has the new set.
     wait_ready 120
-}
-
-# Starts, stops and reloads are serialised; status is not, since it changes nothing.
-take_lock() {
-    mkdir -p "${lock%/*}"
-    exec 9>"$lock"
-    flock -w 120 9 || log "waited 120 s for $lock; going on without it"
 }
 
 case $1 in

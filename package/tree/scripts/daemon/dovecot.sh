@@ -33,15 +33,16 @@ state_dir=$target/var/lib/dovecot
 log_dir=$target/var/log
 pid_file=$base_dir/master.pid
 
+daemon=Dovecot
+. "${BASH_SOURCE%/*}/daemon_common.sh"
+
 log() {
     echo "dovecot.sh: $*" >&2
     logger -t dovecot.sh -p mail.err -- "$*" 2>/dev/null
 }
 
 installed() {
-    # A link of the package to a tool that is not there is no Dovecot.
-    [ -x "$dovecot" ] && [ -f "$(readlink -f "$dovecot")" ] &&
-        [ -x "$doveconf" ] && [ -f "$(readlink -f "$doveconf")" ]
+    tool_installed "$dovecot" "$doveconf"
 }
 
 need_dovecot() {
@@ -51,21 +52,11 @@ need_dovecot() {
     fi
 }
 
-# True while process $1 exists and has not ended.
-alive() {
-    local stat
-    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
-    stat=${stat##*) }
-    [ "${stat%% *}" != Z ]
-}
-
 # Prints the pid of our Dovecot master when its pid file names a live one. A stale pid file may
 # name a process that has since reused the number, hence the name check.
 running_pid() {
-    local pid="" exe
-    [ -r "$pid_file" ] && read -r pid <"$pid_file"
-    case $pid in '' | *[!0-9]*) return 1 ;; esac
-    alive "$pid" || return 1
+    local pid exe
+    pid=$(live_pid_in "$pid_file") || return 1
     exe=$(tr '\0' '\n' <"/proc/$pid/cmdline" 2>/dev/null | head -n 1)
     [ "${exe##*/}" = dovecot ] || return 1
     echo "$pid"
@@ -111,18 +102,6 @@ wait_ready() {
         sleep 0.1
     done
     return 1
-}
-
-# Waits until process $1 is gone; after $2 seconds it is killed.
-wait_gone() {
-    local i
-    for ((i = 0; i < $2 * 10; i++)); do
-        alive "$1" || return 0
-        sleep 0.1
-    done
-    log "Dovecot ($1) did not stop in $2 s; killing it"
-    kill -KILL "$1" 2>/dev/null
-    sleep 0.1
 }
 
 prepare_folders() {
@@ -216,13 +195,6 @@ reload() {
         return 1
     fi
     return 0
-}
-
-# Starts, stops and reloads are serialised; status is not, since it changes nothing.
-take_lock() {
-    mkdir -p "${lock%/*}"
-    exec 9>"$lock"
-    flock -w 60 9 || log "waited 60 s for $lock; going on without it"
 }
 
 case $1 in

@@ -16,27 +16,22 @@ pid_file=$run/usage_memcached.pid
 address=127.0.0.1
 port=11211
 
+daemon=memcached
+lock_wait=30
+. "${BASH_SOURCE%/*}/daemon_common.sh"
+
 log() {
     echo "memcached.sh: $*" >&2
 }
 
 installed() {
-    [ -x "$memcached" ] && [ -f "$(readlink -f "$memcached")" ]
-}
-
-alive() {
-    local stat
-    stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 1
-    stat=${stat##*) }
-    [ "${stat%% *}" != Z ]
+    tool_installed "$memcached"
 }
 
 # The pid of our memcached when the pid file names a live memcached on our port.
 running_pid() {
-    local pid="" cmdline
-    [ -r "$pid_file" ] && read -r pid <"$pid_file"
-    case $pid in '' | *[!0-9]*) return 1 ;; esac
-    alive "$pid" || return 1
+    local pid cmdline
+    pid=$(live_pid_in "$pid_file") || return 1
     cmdline=$(tr '\0' ' ' <"/proc/$pid/cmdline" 2>/dev/null)
     [[ $cmdline == *memcached* && $cmdline == *" $port "* ]] || return 1
     echo "$pid"
@@ -87,12 +82,6 @@ stop() {
     fi
     rm -f "$pid_file"
     return 0
-}
-
-take_lock() {
-    mkdir -p "${lock%/*}"
-    exec 9>"$lock"
-    flock -w 30 9 || log "waited 30 s for $lock; going on without it"
 }
 
 case $1 in
