@@ -51,7 +51,7 @@
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "logs/analysisLog.h"
-#include "logs/geoip_city_db.h"
+#include "log_files/geoip_city_db.h"
 #include "logs/log_db.h"
 #include "logs/maillog.h"
 #include "logs/maillogger.h"
@@ -605,9 +605,9 @@ std::string OriginAddress(int i) {
 bool WriteCities() {
   static const char *const kCountries[] = {"DE", "FR", "US", "JP", "BR", "IN", "NG", "AU", "CA",
                                            "GB"};
-  std::vector<qsvtest::GeoCity> cities;
+  std::vector<qsvlog::GeoCity> cities;
   for (int c = 0; c < kCities; ++c) {
-    qsvtest::GeoCity city;
+    qsvlog::GeoCity city;
     city.network = "100.64." + std::to_string(c) + ".0/24";
     city.countryCode = kCountries[c % 10];
     city.region = "01";
@@ -622,7 +622,7 @@ bool WriteCities() {
   }
   mkdir(kGeoIPDir, 0755);
   unlink(kGeoIPCityV6DBPath);
-  return qsvtest::WriteGeoCityDb(kGeoIPCityDBPath, false, cities);
+  return qsvlog::WriteGeoCityDb(kGeoIPCityDBPath, false, cities);
 }
 
 // kRowsPerOrigin inbound rows from each origin in the hour `hour`: remote senders, recipients in

@@ -28,7 +28,7 @@
 #include "harness/one_node_cluster.h"
 #include "harness/syslog_capture.h"
 #include "kolt/notify.h"
-#include "logs/geoip_city_db.h"
+#include "log_files/geoip_city_db.h"
 #include "logs/log_db.h"
 #include "logs/log_tools.h"
 #include "logs/securityLog.h"
@@ -348,7 +348,7 @@ TEST_F(MailLoggerTest, ThreatTablesFollowTheDirectionOfMailAndTheCitiesGeoIPKnow
   }
   ASSERT_EQ(Ask(insert), "");
   ASSERT_EQ(system("mkdir -p /var/packages/Quillon-Server/target/etc/geoip"), 0);
-  ASSERT_TRUE(qsvtest::WriteGeoCityDb(
+  ASSERT_TRUE(qsvlog::WriteGeoCityDb(
       kGeoIPCityDBPath, false,
       {{"192.0.2.0/25", "DE", "16", "Berlin", "10115", 52.52, 13.405},
        {"192.0.2.128/25", "DE", "02", "M\xfcnchen", "80331", 48.1374, 11.5755},
@@ -402,7 +402,7 @@ TEST_F(MailLoggerTest, ThreatTablesFollowTheDirectionOfMailAndTheCitiesGeoIPKnow
             "1\n");
 
   // With the IPv6 database the next pass adds its city and leaves the rest as it was.
-  ASSERT_TRUE(qsvtest::WriteGeoCityDb(
+  ASSERT_TRUE(qsvlog::WriteGeoCityDb(
       kGeoIPCityV6DBPath, true, {{"2001:db8::/32", "IN", "28", "Kolkata", "", 22.5726, 88.3639}}));
   ASSERT_EQ(job.securityStatistic(), 0);
   EXPECT_EQ(Ask(origins), ExpectedOrigins(inbound, true));

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "logs/geoip_city_db.h"
+#include "log_files/geoip_city_db.h"
 
 namespace {
 
 // The documentation blocks the generator uses, a quarter each, and a block of IPv6.
-const std::vector<qsvtest::GeoCity> kCities = {
+const std::vector<qsvlog::GeoCity> kCities = {
     {"192.0.2.0/26", "DE", "16", "Berlin", "10115", 52.52, 13.405},
     {"192.0.2.64/26", "DE", "02", "M\xfcnchen", "80331", 48.137, 11.575},
     {"192.0.2.128/26", "FR", "A8", "Paris", "75001", 48.857, 2.352},
@@ -31,7 +31,7 @@ const std::vector<qsvtest::GeoCity> kCities = {
     {"203.0.113.192/26", "ES", "29", "Madrid", "28001", 40.417, -3.704},
 };
 
-const std::vector<qsvtest::GeoCity> kCitiesV6 = {
+const std::vector<qsvlog::GeoCity> kCitiesV6 = {
     {"2001:db8::/33", "NL", "07", "Amsterdam", "1012", 52.370, 4.895},
     {"2001:db8:8000::/33", "SE", "26", "Stockholm", "111 20", 59.329, 18.069},
 };
@@ -45,8 +45,8 @@ int main(int argc, char **argv) {
   }
   const std::string dir = argv[1];
   mkdir(dir.c_str(), 0755);
-  if (!qsvtest::WriteGeoCityDb(dir + "/GeoLiteCity.dat", false, kCities) ||
-      !qsvtest::WriteGeoCityDb(dir + "/GeoLiteCityv6.dat", true, kCitiesV6)) {
+  if (!qsvlog::WriteGeoCityDb(dir + "/GeoLiteCity.dat", false, kCities) ||
+      !qsvlog::WriteGeoCityDb(dir + "/GeoLiteCityv6.dat", true, kCitiesV6)) {
     fprintf(stderr, "qsv-geoip-gen: cannot write the databases into %s\n", dir.c_str());
     return 1;
   }

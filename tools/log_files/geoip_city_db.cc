@@ -1,4 +1,4 @@
-#include "logs/geoip_city_db.h"
+#include "log_files/geoip_city_db.h"
 
 #include <GeoIP.h>
 #include <arpa/inet.h>
@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 
-namespace qsvtest {
+namespace qsvlog {
 
 namespace {
 
@@ -102,4 +102,4 @@ bool WriteGeoCityDb(const std::string &path, bool v6, const std::vector<GeoCity>
   return static_cast<bool>(out.flush());
 }
 
-}  // namespace qsvtest
+}  // namespace qsvlog

@@ -1,6 +1,6 @@
-// A writer of small city databases in the legacy binary format the GeoIP C library opens, so that
-// the threat origin tests have places to look addresses up in: no distribution ships a city
-// database, and the real ones are far too big to keep beside the tests.
+// A writer of small city databases in the legacy binary format the GeoIP C library opens, for
+// the threat origins of tests, benchmarks, the demo and nodes without the real ones: no
+// distribution ships a city database, and the real ones are far too big to keep beside the tests.
 //
 // The file is a binary search tree over the address bits (two 3-byte little-endian records per
 // node: the branch for bit 0, then for bit 1), then the city records, then the structure trailer
@@ -13,13 +13,13 @@
 //
 // Names are stored in ISO-8859-1, as the library expects; it gives UTF-8 back on a handle set to
 // that charset. Plain functions, no state.
-#ifndef MAILSERVER_TESTS_LOGS_GEOIP_CITY_DB_H_
-#define MAILSERVER_TESTS_LOGS_GEOIP_CITY_DB_H_
+#ifndef MAILSERVER_TOOLS_LOG_FILES_GEOIP_CITY_DB_H_
+#define MAILSERVER_TOOLS_LOG_FILES_GEOIP_CITY_DB_H_
 
 #include <string>
 #include <vector>
 
-namespace qsvtest {
+namespace qsvlog {
 
 struct GeoCity {
   std::string network;      // "192.0.2.0/25" or "2001:db8::/48"; networks must not overlap
@@ -37,6 +37,6 @@ struct GeoCity {
 // False for a network of the other family, a bad prefix or country code, or a failed write.
 bool WriteGeoCityDb(const std::string &path, bool v6, const std::vector<GeoCity> &cities);
 
-}  // namespace qsvtest
+}  // namespace qsvlog
 
-#endif  // MAILSERVER_TESTS_LOGS_GEOIP_CITY_DB_H_
+#endif  // MAILSERVER_TOOLS_LOG_FILES_GEOIP_CITY_DB_H_
