@@ -78,6 +78,7 @@ const KeyRow kKeys[] = {
     {"peer_info_hostname-", "cluster", {}},
     {"peer_info_mac-", "cluster", {}},
     {"peer_info_serial_num-", "cluster", {}},
+    {"version_cluster-", "cluster", {}},
     // synced files
     {"mailserver_alias_db", "file", {}},
     {"mailserver_dailyquota_db", "file", {}},

@@ -8,6 +8,7 @@
 #ifndef MAILSERVER_CLUSTER_MAILSERVER_CLUSTER_H_
 #define MAILSERVER_CLUSTER_MAILSERVER_CLUSTER_H_
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <vector>
@@ -43,6 +44,25 @@ struct BalancerInfo {
   std::string address;
   std::string netmask;
 };
+
+// One member as the membership operations write it to the store.
+struct MemberConfig {
+  std::string id;
+  std::string hostname;       // "peer_info_hostname-" + id
+  std::string storageMapping;  // "storage_static_mapping-" + id
+  std::string storageVolume;  // "general_storage_volume-" + id
+  std::string mac;            // "peer_info_mac-" + id
+  std::string serialNumber;   // "peer_info_serial_num-" + id
+  std::vector<std::string> ipList;  // "node_ip_list-" + id, joined with one blank
+  uint32_t weight = 1;        // as a mailer; 0 counts as 1
+  bool backend = false;       // runs a key store: its id belongs in "consul_peers"
+  bool mailer = false;
+  bool storager = false;
+  bool balancer = false;
+};
+
+// `length` characters of digits, upper-case and lower-case letters: the backend password.
+QSV_EXPORT std::string genRandomString(int length);
 
 // The ten firewall services of the mail suite; null-terminated.
 QSV_EXPORT extern const char *szgMailFWServices[];
@@ -119,6 +139,54 @@ class QSV_EXPORT KOLTMailNodeCluster : public QuillonServerBACKENDWrap {
                                   const std::string &ifName);
   // Whether `ip` is an address of a peer (or, with `checkOwn`, of this node).
   bool isConflicWithExistIP(const std::string &ip, bool checkOwn);
+
+  // Membership: making this node a cluster node and wiping it again. setupEnv runs as root
+  // (REQUIRES) and leaves the daemons stopped: the caller starts them.
+  bool setupEnv(const std::map<std::string, std::string> &idIpMap,
+                const std::vector<std::string> &hostIps, const std::vector<std::string> &masterIds,
+                const std::string &password);
+  bool genBackendConf(const std::string &password);
+  // Writes etc/redis/redis.conf from the template: a replica of the first of `masterIps` unless
+  // that is `hostIp`.
+  bool setupBackendEnv(const std::vector<std::string> &masterIps, const std::string &hostIp);
+  bool clusterCleanup();
+  bool localIdIpMapUpdate(const std::map<std::string, std::string> &idIpMap,
+                          const std::string &localId, bool sync);
+  bool newIdIpMapGen(const std::vector<std::string> &ips,
+                     std::map<std::string, std::string> &idIpMap, bool reuse);
+
+  // Checks before a change; false with a log line (and an error code) when it must not happen.
+  bool memberAddCheck(const std::map<std::string, std::string> &ifIpMap, const std::string &key,
+                      const std::string &a, const std::string &b);
+  bool memberDelCheck(const std::string &id);
+  bool isRoleRemovable(const std::string &role, const std::string &id);
+
+  // Adding: memberAddCheck, memberAddPrepare, addRemoveNodeConfig(config, true), and on a failure
+  // memberAddRestore. Removing: memberDelCheck, memberDel, addRemoveNodeConfig(config, false).
+  bool memberAddPrepare(const std::map<std::string, std::string> &idIpMap, const std::string &id,
+                        const Role &role,
+                        const std::map<std::string, std::vector<std::string>> &nodeIps);
+  bool memberAdd(const std::string &, const std::string &);
+  bool memberDel(const std::string &id);
+  bool memberAddRestore(const std::map<std::string, std::string> &idIpMap, const std::string &id,
+                        const Role &role, bool configDone, const MemberConfig &config);
+  bool addRemoveNodeConfig(const MemberConfig &config, bool add);
+  bool assignRole(NodeRole role, const std::vector<std::string> &ids);
+  // The new content of the blank-separated list `key` with `id` added or taken out.
+  std::vector<std::string> addDelKeyNewVal(const std::string &key, const std::string &id,
+                                           bool add);
+  bool removeHostID(const std::string &id, bool removeBackendKey);
+  bool removeBackendNodeKey(const std::string &id);
+  // This node's address changed to `newIp`: the map, the key store's configuration and the
+  // watcher follow, and the other nodes are woken.
+  bool idIpMapRegen(const std::string &newIp);
+
+  // Bringing a new member up to date.
+  bool syncMail(const std::string &ip);
+  bool syncSpamConfig(const std::string &ip, const std::string &, const std::string &,
+                      const std::string &, int);
+  bool syncConfig(const std::string &ip, const std::string &, const std::string &,
+                  const std::string &, int);
 
   // The node's daemons through ClusterDaemon.sh.
   bool refreshFirewall(const std::vector<std::string> &ips);

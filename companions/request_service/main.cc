@@ -1,0 +1,218 @@
+// The node's request service: answers the requests that other members of the cluster send
+// through WebAPIRequest, on port 8503 of every address. ClusterDaemon.sh starts it with the
+// other daemons of a cluster node, as root, since it hands received files to their owners.
+//
+//   kolt-quillon-server-request-service            (runs until SIGTERM)
+//
+// Methods of the api "KOLT.QuillonServer.Cluster":
+//   sync_conf_file  params dest_dir, file_onwer, file_group, file_perm; the file's content
+//                   follows the request and is stored under the base name of its "file_path".
+//
+// A request must carry a valid signature with the cluster's backend password. What a peer sends
+// is checked again here: only the known destination folders, plain file names, existing owners,
+// and modes without set-id bits or write access for others.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <netinet/in.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+#include <json/json.h>
+
+#include "webapi/web_api_wire.h"
+
+namespace {
+
+// Error codes of the answer.
+enum { kBadRequest = 101, kNotSigned = 105, kRefused = 106, kWriteFailed = 117 };
+
+// Where peers may put files: the spam databases the anti-spam filter learns into.
+const char *const kAllowedDirs[] = {"/var/spool/mail/spamassassin/"};
+
+struct Failure {
+  int code;
+  std::string why;
+};
+
+void Answer(int fd, bool success, int code = 0) {
+  Json::Value answer(Json::objectValue);
+  answer["success"] = success;
+  if (!success) answer["error"]["code"] = code;
+  const std::string text = Json::FastWriter().write(answer);
+  send(fd, text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+bool ReadLine(int fd, std::string &line) {
+  line.clear();
+  char c;
+  while (line.size() < webapi::kMaxHeader) {
+    if (recv(fd, &c, 1, 0) != 1) return false;
+    if (c == '\n') return true;
+    line += c;
+  }
+  return false;
+}
+
+bool PlainName(const std::string &name) {
+  if (name.empty() || name[0] == '.' || name.size() > 255) return false;
+  for (char c : name) {
+    if (!isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-') return false;
+  }
+  return true;
+}
+
+// The destination folder, made root's if missing; refused when someone other than root could
+// change it, so that a link can't send the file elsewhere.
+bool SafeDir(const std::string &dir) {
+  bool allowed = false;
+  for (const char *known : kAllowedDirs) allowed = allowed || dir == known;
+  if (!allowed) return false;
+  std::string path;
+  for (size_t at = 1; at <= dir.size(); ++at) {
+    if (at < dir.size() && dir[at] != '/') continue;
+    path = dir.substr(0, at);
+    if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
+        (st.st_mode & 022) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Receives the body into a temporary file beside its place, checks its digest, and moves it in.
+Failure StoreFile(int fd, const Json::Value &request) {
+  const Json::Value &params = request["params"];
+  const Json::Value &file = request["file"];
+  if (!params.isObject() || !file.isObject() || !params["dest_dir"].isString() ||
+      !params["file_onwer"].isString() || !params["file_group"].isString() ||
+      !params["file_perm"].isString() || !file["file_path"].isString()) {
+    return {kBadRequest, "incomplete sync_conf_file request"};
+  }
+  const std::string dir = params["dest_dir"].asString();
+  std::string name = file["file_path"].asString();
+  name = name.substr(name.rfind('/') + 1);
+  const passwd *owner = getpwnam(params["file_onwer"].asCString());
+  const group *grp = getgrnam(params["file_group"].asCString());
+  char *end = nullptr;
+  const long perm = strtol(params["file_perm"].asCString(), &end, 8);
+  if (!PlainName(name) || owner == nullptr || grp == nullptr || end == nullptr || *end != '\0' ||
+      perm < 0 || perm > 0777 || (perm & 02) != 0) {
+    return {kRefused, "refused file name, owner, group or mode"};
+  }
+  if (!SafeDir(dir)) return {kRefused, "refused destination " + dir};
+  const uid_t uid = owner->pw_uid;
+  const gid_t gid = grp->gr_gid;
+
+  const std::string target = dir + name;
+  std::string tmp = target + ".XXXXXX";
+  const int out = mkostemp(&tmp[0], O_CLOEXEC);
+  if (out < 0) return {kWriteFailed, "cannot create a file in " + dir};
+  webapi::BodyDigest digest;
+  Json::UInt64 left = request["size"].asUInt64();
+  char piece[1 << 16];
+  bool ok = true;
+  while (ok && left > 0) {
+    const ssize_t n = recv(fd, piece, left < sizeof(piece) ? left : sizeof(piece), 0);
+    ok = n > 0 && write(out, piece, n) == n;
+    if (ok) {
+      digest.Update(piece, n);
+      left -= static_cast<Json::UInt64>(n);
+    }
+  }
+  ok = ok && webapi::SameMac(digest.Hex(), request["sha256"].asString());
+  ok = ok && fsync(out) == 0 && fchown(out, uid, gid) == 0 && fchmod(out, perm) == 0;
+  close(out);
+  if (!ok || rename(tmp.c_str(), target.c_str()) != 0) {
+    unlink(tmp.c_str());
+    return {kWriteFailed, "cannot receive " + target};
+  }
+  syslog(LOG_INFO, "received %s from a peer", target.c_str());
+  return {0, ""};
+}
+
+void Serve(int fd, const std::string &password) {
+  std::string line;
+  std::string mac;
+  if (!ReadLine(fd, line) || !ReadLine(fd, mac)) return;
+  if (password.empty() || !webapi::SameMac(webapi::HmacHex(password, line), mac)) {
+    syslog(LOG_WARNING, "refused a request without a valid signature");
+    Answer(fd, false, kNotSigned);
+    return;
+  }
+  Json::Value request;
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  if (!reader->parse(line.data(), line.data() + line.size(), &request, &errors) ||
+      !request.isObject() || !request["time"].isIntegral() || !request["size"].isIntegral() ||
+      !request["sha256"].isString()) {
+    Answer(fd, false, kBadRequest);
+    return;
+  }
+  const long skew = static_cast<long>(time(nullptr) - request["time"].asInt64());
+  if (skew > webapi::kClockSkew || skew < -webapi::kClockSkew ||
+      request["size"].asUInt64() > webapi::kMaxBody) {
+    syslog(LOG_WARNING, "refused a stale or oversized request");
+    Answer(fd, false, kRefused);
+    return;
+  }
+  if (request["api"].asString() != "KOLT.QuillonServer.Cluster" ||
+      request["method"].asString() != "sync_conf_file") {
+    Answer(fd, false, kBadRequest);
+    return;
+  }
+  const Failure failure = StoreFile(fd, request);
+  if (failure.code != 0) syslog(LOG_ERR, "sync_conf_file: %s", failure.why.c_str());
+  Answer(fd, failure.code == 0, failure.code);
+}
+
+}  // namespace
+
+int main() {
+  openlog("kolt-quillon-server-request-service", LOG_PID, LOG_DAEMON);
+  signal(SIGCHLD, SIG_IGN);  // children are reaped by the kernel
+  signal(SIGPIPE, SIG_IGN);
+  const int listener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int yes = 1;
+  const int no = 0;
+  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  setsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &no, sizeof(no));
+  sockaddr_in6 address = {};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_any;
+  address.sin6_port = htons(webapi::kPort);
+  if (listener < 0 || bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+      listen(listener, 16) != 0) {
+    syslog(LOG_ERR, "cannot listen on port %d: %s", webapi::kPort, strerror(errno));
+    return 1;
+  }
+  for (;;) {
+    const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) continue;
+    // One child per request, so that a slow peer holds up nobody else.
+    if (fork() == 0) {
+      close(listener);
+      timeval timeout = {30, 0};
+      setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+      setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout));
+      // Read at each request: a node set up again has a new password.
+      Serve(fd, webapi::BackendPassword());
+      _exit(0);
+    }
+    close(fd);
+  }
+}
