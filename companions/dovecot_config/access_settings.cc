@@ -169,6 +169,10 @@ std::string ConfText(const AccessSettings &s) {
     text += "# Full-text search: no index backend is installed on this node, so searches read the\n"
             "# mail itself.\n";
   }
+  // Running migration tasks enter mailboxes through master users; the file is empty while none
+  // runs.
+  text += std::string("!include_try ") + kAuthMasterConf + "\n";
+  text += "auth_master_user_separator = *\n";
   if (s.authDeny) {
     text += std::string("passdb {\n  driver = passwd-file\n  args = ") + kDenyFile +
             "\n  deny = yes\n}\n";

@@ -16,6 +16,8 @@ inline constexpr char kConfDir[] = "/var/packages/Quillon-Server/target/etc/dove
 inline constexpr char kConfFile[] = "/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf";
 // Names of users who may not log in, one a line, the form of a passwd file.
 inline constexpr char kDenyFile[] = "/var/packages/Quillon-Server/target/etc/dovecot/deny_users";
+inline constexpr char kAuthMasterConf[] =
+    "/var/packages/Quillon-Server/target/etc/dovecot/conf.d/auth-master.conf.ext";
 // The certificate of the TLS listeners, made by the daemon script at the first start.
 inline constexpr char kCertFile[] = "/var/packages/Quillon-Server/target/etc/dovecot/ssl/dovecot.pem";
 inline constexpr char kKeyFile[] = "/var/packages/Quillon-Server/target/etc/dovecot/ssl/dovecot.key";

@@ -91,8 +91,17 @@ int KLIBCProcAliveByPidFile(const char *path) {
   if (pid < 0) return -1;
   // kill(0, ...) would mean our own process group, not "no process".
   if (pid == 0) return 0;
-  if (kill(pid, 0) == 0 || errno == EPERM) return 1;
-  return 0;
+  if (kill(pid, 0) != 0 && errno != EPERM) return 0;
+  // kill() still reaches a child that has exited but not yet been reaped; such a process runs
+  // nothing any more, and a watcher that waits for it to go must not wait on its parent's reaping.
+  char statPath[64];
+  char stat[512];
+  snprintf(statPath, sizeof(statPath), "/proc/%d/stat", pid);
+  if (ReadSmallFile(statPath, stat, sizeof(stat)) > 0) {
+    const char *end = strrchr(stat, ')');
+    if (end != nullptr && end[1] == ' ' && (end[2] == 'Z' || end[2] == 'X')) return 0;
+  }
+  return 1;
 }
 
 int KLIBCIsProcAlive(const char *name) {

@@ -12,9 +12,9 @@ int KLIBCReadPidFile(const char *path);
 // already exists: a stale file is the caller's to judge and remove.
 int KLIBCProcPidFileCreate(const char *path);
 
-// 1 when the process named by the pid file exists (even if it belongs to
-// another user), 0 when it does not or the file says 0, -1 when the file holds
-// no pid.
+// 1 when the process named by the pid file runs (even if it belongs to
+// another user); 0 when it does not, when it has exited and only waits for its
+// parent to reap it, or when the file says 0; -1 when the file holds no pid.
 int KLIBCProcAliveByPidFile(const char *path);
 
 // 1 when some process's command name (/proc/PID/comm) equals name, else 0.

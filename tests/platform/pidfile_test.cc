@@ -70,6 +70,10 @@ TEST(PidFileTest, SignalsReachTheNamedProcess) {
   EXPECT_EQ(0, KLIBCIsProcAlive(name.substr(1).c_str()));
   EXPECT_EQ(1, KLIBCProcAliveByPidFile(path.c_str()));
   EXPECT_EQ(0, KLIBCProcSignalByPidFile(path.c_str(), SIGTERM));
+  // Dead but not reaped: kill() still reaches it, yet it runs nothing.
+  siginfo_t info{};
+  ASSERT_EQ(0, waitid(P_PID, pid, &info, WEXITED | WNOWAIT));
+  EXPECT_EQ(0, KLIBCProcAliveByPidFile(path.c_str()));
   int status = 0;
   ASSERT_EQ(pid, waitpid(pid, &status, 0));
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
