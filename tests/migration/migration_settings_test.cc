@@ -4,11 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "harness/mailserverctl_run.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
 #include "harness/run_as.h"
@@ -191,6 +193,35 @@ TEST_F(MigrationSettingsTest, FiltersKeywordsImportAndStatesReadAsStored) {
   EXPECT_EQ(tasks, std::list<std::string>{"filters"});
   ASSERT_EQ(MigrationMgr::deleteTask("filters"), 0);
   EXPECT_FALSE(MigrationTask::taskDirExist(kData + "filters"));
+}
+
+TEST_F(MigrationSettingsTest, MailserverctlRefusesBadInputAndChangesNothing) {
+  for (const std::vector<std::string> &bad :
+       {std::vector<std::string>{"migration", "add", "../x", "--server", "h.test"},
+        {"migration", "add", "ctl"},
+        {"migration", "add", "ctl", "--server", "h.test", "--port", "70000"},
+        {"migration", "add", "ctl", "--server", "bad host;"},
+        {"migration", "start", "ctl"},
+        {"migration", "schedule", "ctl", "tomorrow"}}) {
+    const qsvtest::CtlResult result = qsvtest::RunCtl(bad);
+    EXPECT_EQ(result.status, 1) << bad[2] << ": " << result.output;
+    EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << result.output;
+  }
+  EXPECT_FALSE(MigrationTask::taskDirExist(kData + "ctl"));
+
+  ASSERT_EQ(qsvtest::RunCtl({"migration", "add", "ctl", "--server", "imap.old.test"}).status, 0);
+  qsvtest::WriteFile("/tmp/ctl.csv", "ann@old,Ann-Secret,ann\n");
+  const qsvtest::CtlResult users =
+      qsvtest::RunCtl({"migration", "users", "ctl", "--file", "/tmp/ctl.csv"});
+  EXPECT_EQ(users.status, 0) << users.output;
+  EXPECT_NE(users.output.find("ann@old"), std::string::npos) << users.output;
+  EXPECT_EQ(users.output.find("Ann-Secret"), std::string::npos);
+  EXPECT_EQ(qsvtest::RunCtl({"migration", "add", "ctl", "--server", "x.test"}).status, 1);
+  const qsvtest::CtlResult status = qsvtest::RunCtl({"migration", "status", "ctl"});
+  EXPECT_EQ(status.output, "\"ctl\": never run\n");
+  EXPECT_EQ(qsvtest::RunCtl({"migration", "log", "ctl"}).output, "0 rows\n");
+  EXPECT_EQ(qsvtest::RunCtl({"migration", "remove", "ctl"}).status, 0);
+  EXPECT_FALSE(MigrationTask::taskDirExist(kData + "ctl"));
 }
 
 }  // namespace

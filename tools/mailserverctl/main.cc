@@ -34,6 +34,8 @@
 //   mailserverctl stats show|chart|security ..., analysis top ...   (see stats_commands.h)
 //   mailserverctl personal show|forward|vacation|off USER ...       (see personal_commands.h)
 //   mailserverctl domain-usage show|set|counters ...                 (see domain_usage_commands.h)
+//   mailserverctl migration add|set|users|test|start|stop|status|log|schedule|remove ...
+//                                                                    (see migration_commands.h)
 //   mailserverctl active list|refresh ...                             (see active_commands.h)
 //   mailserverctl global|dkim add|del|list ...                        (see global_commands.h)
 //
@@ -53,6 +55,7 @@
 #include "mailserverctl/file_commands.h"
 #include "mailserverctl/global_commands.h"
 #include "mailserverctl/log_commands.h"
+#include "mailserverctl/migration_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/personal_commands.h"
 #include "mailserverctl/quarantine_commands.h"
@@ -130,6 +133,8 @@ int Usage() {
           "       mailserverctl analysis top senders|recipients|sender-domains|"
           "recipient-domains|refused ...\n"
           "       mailserverctl domain-usage show|set|counters DOMAIN ...\n"
+          "       mailserverctl migration add|set|users|test|start|stop|status|log|schedule|"
+          "remove ...\n"
           "       mailserverctl global|dkim add|del|list ...\n"
           "       mailserverctl active list [OPTION...]\n"
           "       mailserverctl active refresh\n"
@@ -246,6 +251,9 @@ int Run(const std::vector<std::string> &args) {
   }
   if (command == "analysis") {
     return mailserverctl::AnalysisCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "migration") {
+    return mailserverctl::MigrationCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "personal") {
     return mailserverctl::PersonalCommand(std::vector<std::string>(args.begin() + 1, args.end()));
