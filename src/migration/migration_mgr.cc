@@ -90,9 +90,11 @@ int MigrationMgr::startTask(const std::string &taskName) {
     }
     return -1;
   }
-  for (int i = 0; i < 10; i++) {
+  // Up to ten seconds for the run to show itself, looked at every tenth of a second: a caller
+  // shouldn't wait a whole second for a process that is there after a few milliseconds.
+  for (int i = 0; i < 100; i++) {
     if (MigrationTask::isTaskRunning(taskName) == 1) break;
-    sleep(1);
+    usleep(100000);
   }
   return 0;
 }

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <iostream>
 #include <map>
 #include <set>
@@ -205,7 +207,18 @@ int Test(const std::vector<std::string> &words) {
   if (name.empty() || result != "success") return result == "success" ? 0 : 1;
   MigrationTask task(name);
   if (task.userTest() != 0) return Error("the login test could not start (is the task running?)");
-  for (int i = 0; i < 600 && MigrationTask::isTaskRunning(name) == 2; i++) usleep(100000);
+  // The test runs in the background: it is over once no user reads "checking" and its process
+  // has gone (which may not have shown itself yet when the first look is taken).
+  const std::string results = task.getTaskDir() + "/offlineimap_data/login_test";
+  for (int i = 0; i < 600; i++) {
+    std::ifstream in(results);
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (in && text.find("checking") == std::string::npos &&
+        MigrationTask::isTaskRunning(name) != 2) {
+      break;
+    }
+    usleep(100000);
+  }
   return Users(name, {});
 }
 
