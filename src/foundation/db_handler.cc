@@ -214,6 +214,69 @@ int DBHandler::ExecCmdList(const std::list<std::string> &statements, bool transa
   return RunList(statements, transaction, false);
 }
 
+int DBHandler::exeGroups(const std::vector<std::list<std::string>> &groups,
+                         std::vector<int> &results) {
+  results.assign(groups.size(), SQLITE_OK);
+  if (beginTransaction() != SQLITE_OK) {
+    Rollback(true);
+    return errCode_;
+  }
+  // As a rule no group fails: everything is tried once in the one transaction, quietly. A
+  // savepoint per group costs a journal of its own, spilled to disk as it grows.
+  bool clean = true;
+  for (const auto &group : groups) {
+    for (const std::string &statement : group) {
+      errCode_ = sqlite3_exec(db_, statement.c_str(), nullptr, nullptr, nullptr);
+      if (errCode_ != SQLITE_OK) break;
+    }
+    if (errCode_ != SQLITE_OK) {
+      clean = false;
+      break;
+    }
+  }
+  if (clean) {
+    if (commitTransaction() == SQLITE_OK) return SQLITE_OK;
+    Rollback(true);
+    return errCode_;
+  }
+  Rollback(false);
+
+  // Some group fails: again from the start, each group behind a savepoint, so that only the
+  // failing ones are undone.
+  if (beginTransaction() != SQLITE_OK) {
+    Rollback(true);
+    return errCode_;
+  }
+  int last = SQLITE_OK;
+  for (size_t i = 0; i < groups.size(); ++i) {
+    if ((errCode_ = sqlite3_exec(db_, "SAVEPOINT qsv_group;", nullptr, nullptr, nullptr)) !=
+        SQLITE_OK) {
+      break;
+    }
+    for (const std::string &statement : groups[i]) {
+      if (Exec(statement.c_str()) != SQLITE_OK) break;
+    }
+    results[i] = errCode_;
+    if (errCode_ != SQLITE_OK) {
+      last = errCode_;
+      // A damaged file is no place to go on writing: the caller makes it anew.
+      if (errCode_ == SQLITE_CORRUPT || errCode_ == SQLITE_NOTADB) break;
+      errCode_ = sqlite3_exec(db_, "ROLLBACK TO qsv_group;", nullptr, nullptr, nullptr);
+    }
+    if (errCode_ == SQLITE_OK) {
+      errCode_ = sqlite3_exec(db_, "RELEASE qsv_group;", nullptr, nullptr, nullptr);
+    }
+    if (errCode_ != SQLITE_OK) break;
+  }
+  if (errCode_ == SQLITE_OK && commitTransaction() == SQLITE_OK) {
+    // The outcome of the last failed group, as a run of each group alone would leave it.
+    errCode_ = last;
+    return SQLITE_OK;
+  }
+  Rollback(true);
+  return errCode_;
+}
+
 int DBHandler::exeEach(const char *statement, size_t count,
                        const std::function<void(sqlite3_stmt *, size_t)> &bind) {
   if (beginTransaction() != SQLITE_OK) {

@@ -14,6 +14,7 @@
 #include <list>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "foundation/export.h"
 
@@ -59,6 +60,11 @@ class QSV_EXPORT DBHandler {
   int ExecCmd(const std::string &statement);
   // As exeCmds.
   int ExecCmdList(const std::list<std::string> &statements, bool transaction);
+  // Runs each group all or none, as exeCmds with a transaction would, but all groups in one
+  // transaction: a failing group is undone back to where it began and the next one goes on.
+  // `results` gets each group's last SQLite result. The result is that of the whole: SQLITE_OK
+  // when the transaction committed; otherwise nothing stays.
+  int exeGroups(const std::vector<std::list<std::string>> &groups, std::vector<int> &results);
   // Runs one statement `count` times in one transaction, compiled once: `bind` gives it the values
   // of row i (0 to count-1) with the sqlite3_bind_* calls. All rows or none stay; the last result.
   // Many rows of one shape are much cheaper so than as statement texts compiled one by one.

@@ -215,6 +215,45 @@ int Alias::_write(const std::list<std::string> &commands, bool &ran) {
   return rc;
 }
 
+int Alias::_writeEach(const std::vector<std::list<std::string>> &batches) {
+  if (_open() != 0) return -1;
+  const int fd = _acquireFileLock();
+  if (fd < 0) return -1;
+  std::vector<int> results;
+  const int rc = db_->exeGroups(batches, results);
+  int failed = rc;
+  for (const int result : results) {
+    if (result != SQLITE_OK) failed = result;
+  }
+  if (failed != SQLITE_OK) {
+    error_ = 1;
+    _HandleError();
+  }
+  _releaseFileLock(fd);
+  return 0;
+}
+
+int Alias::_loadDomainMembers(int domain,
+                              std::unordered_map<std::string, std::list<MemberInfo>> &out) {
+  out.clear();
+  // Rows come grouped by alias as a rule: only a change of alias costs a look-up.
+  std::string current;
+  std::list<MemberInfo> *members = nullptr;
+  return _query(
+      sqlite3_mprintf("SELECT * FROM '%q' WHERE domain_idx='%d';", kTable, domain),
+      [&](sqlite3_stmt *row) {
+        const auto *alias = reinterpret_cast<const char *>(sqlite3_column_text(row, 0));
+        const auto *member = reinterpret_cast<const char *>(sqlite3_column_text(row, 1));
+        if (alias == nullptr || member == nullptr) return false;
+        if (members == nullptr || current != alias) {
+          current = alias;
+          members = &out[current];
+        }
+        members->push_back({member, static_cast<MemberType>(sqlite3_column_int(row, 2))});
+        return true;
+      });
+}
+
 int Alias::load() {
   if (_open() != 0) {
     maillog(3, "%s:%d Fail to load", QSV_FILE, __LINE__);
@@ -345,6 +384,17 @@ int Alias::migrateLoadMember(const std::string &alias, std::list<MemberInfo> &ou
 }
 
 int Alias::addMember(const DomainAlias &alias, const std::list<MemberInfo> &members) {
+  bool ran;
+  return _write(_insertCommands(alias, members,
+                                [&](const MemberInfo &member) {
+                                  return checkMemberExist(alias, member);
+                                }),
+                ran);
+}
+
+std::list<std::string> Alias::_insertCommands(
+    const DomainAlias &alias, const std::list<MemberInfo> &members,
+    const std::function<int(const MemberInfo &)> &exists) {
   std::list<std::string> commands;
   for (const MemberInfo &member : members) {
     std::string name = member.member;
@@ -358,14 +408,13 @@ int Alias::addMember(const DomainAlias &alias, const std::list<MemberInfo> &memb
       }
       name = real;
     }
-    if (checkMemberExist(alias, member) != 0) continue;
+    if (exists(member) != 0) continue;
     if (!checkValidUtf8(alias.alias) || !checkValidUtf8(name)) continue;
     commands.push_back(Command(
         "INSERT INTO '%q' (alias,member,type,domain_idx) VALUES ('%q','%q','%d','%d');", kTable,
         alias.alias.c_str(), name.c_str(), static_cast<int>(member.type), alias.domain));
   }
-  bool ran;
-  return _write(commands, ran);
+  return commands;
 }
 
 int Alias::delMember(const DomainAlias &alias, const std::list<MemberInfo> &members) {

@@ -9,10 +9,12 @@
 #ifndef MAILSERVER_TABLES_ALIAS_H_
 #define MAILSERVER_TABLES_ALIAS_H_
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "foundation/export.h"
@@ -112,6 +114,19 @@ class QSV_EXPORT Alias {
   int _query(char *statement, RowFn onRow);
   // `ran`: the batch got as far as SQLite (no open or lock failure).
   int _write(const std::list<std::string> &commands, bool &ran);
+  // Runs each list as one all-or-none batch, all of them under one hold of the lock and in one
+  // transaction; the error state ends as the batches one by one would leave it. -1 when nothing
+  // could run, 0 otherwise, whatever the batches did.
+  int _writeEach(const std::vector<std::list<std::string>> &batches);
+  // Every member of every alias of `domain`, by alias name, from one statement under one hold of
+  // the lock.
+  int _loadDomainMembers(int domain,
+                         std::unordered_map<std::string, std::list<MemberInfo>> &out);
+  // The inserts that addMember makes of `members`, with `exists` telling a row already there
+  // (anything but 0 skips the member, as checkMemberExist's 1 or a failure does).
+  std::list<std::string> _insertCommands(const DomainAlias &alias,
+                                         const std::list<MemberInfo> &members,
+                                         const std::function<int(const MemberInfo &)> &exists);
   int _HandleDBError(int code);
   int _HandleError();
   int _delDomainMemberImp(const int &domain, const std::list<std::string> &names, int type);

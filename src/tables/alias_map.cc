@@ -9,6 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <set>
+#include <tuple>
+#include <unordered_map>
+#include <vector>
 
 #include "config/accounts.h"
 #include "config/postfix.h"
@@ -56,18 +60,26 @@ int Alias::ExportAlias(const std::string &path, const int &domain) {
     maillog(7, "%s:%d load postfix setting fail", QSV_FILE, __LINE__);
   }
 
+  // All members of the domain in one read; should that fail, each alias is read on its own, as
+  // one alias that can't be read must not cost the others their lines.
+  std::unordered_map<std::string, std::list<MemberInfo>> domainMembers;
+  const bool readAtOnce = _loadDomainMembers(domain, domainMembers) == 0;
   for (const DomainAlias &alias : aliasList_) {
     if (alias.domain != domain) continue;
-    std::list<MemberInfo> members;
-    if (loadMember(alias, members) != 0) {
+    std::list<MemberInfo> ownRead;
+    const std::list<MemberInfo> *members = &ownRead;
+    if (readAtOnce) {
+      const auto found = domainMembers.find(alias.alias);
+      if (found != domainMembers.end()) members = &found->second;
+    } else if (loadMember(alias, ownRead) != 0) {
       maillog(1, "%s:%d load alias: %s member list fail", QSV_FILE, __LINE__,
               alias.alias.c_str());
       continue;
     }
-    if (members.empty()) continue;
+    if (members->empty()) continue;
     std::list<std::string> names;
     if (settingsLoaded) {
-      _getLocalMemberList(members, accountType, names);
+      _getLocalMemberList(*members, accountType, names);
     } else {
       maillog(7, "%s:%d Get local member fail, alias member list will be empty", QSV_FILE,
               __LINE__);
@@ -154,7 +166,28 @@ int Alias::ImportAlias(const std::string &path, const int &domain) {
     }
   }
 
-  for (const auto &entry : entries) addMember({domain, entry.first}, entry.second);
+  // Each entry is still a batch of its own that lands whole or not at all, but the batches share
+  // one transaction, and the rows already there come from one read of the domain; should that
+  // read fail, each member is looked up on its own.
+  std::unordered_map<std::string, std::list<MemberInfo>> domainMembers;
+  const bool readAtOnce = _loadDomainMembers(domain, domainMembers) == 0;
+  std::set<std::tuple<std::string, std::string, int>> existing;
+  for (const auto &held : domainMembers) {
+    if (entries.count(held.first) == 0) continue;
+    for (const MemberInfo &member : held.second) {
+      existing.emplace(held.first, member.member, static_cast<int>(member.type));
+    }
+  }
+  std::vector<std::list<std::string>> batches;
+  for (const auto &entry : entries) {
+    const DomainAlias alias{domain, entry.first};
+    batches.push_back(_insertCommands(alias, entry.second, [&](const MemberInfo &member) {
+      if (!readAtOnce) return checkMemberExist(alias, member);
+      return existing.count({alias.alias, member.member, static_cast<int>(member.type)}) != 0
+                 ? 1 : 0;
+    }));
+  }
+  _writeEach(batches);
   fclose(in);
   return 0;
 }

@@ -80,19 +80,21 @@ TEST_F(AliasTest, ExportedMapKeepsNestingForPostfixWhileExpansionUnfoldsIt) {
   Add("sales", {{"Alice", MEMBER_USER}, {"mailteam", MEMBER_GROUP},
                 {"ext@partner.test", MEMBER_EMAIL}, {"team", MEMBER_ALIAS}});
   Add("team", {{"carol", MEMBER_USER}});
+  // Rows of one alias that don't stand together in the file still make one line.
+  Add("sales", {{"zed@partner.test", MEMBER_EMAIL}});
   Alias table(kDb);
   ASSERT_EQ(table.load(), 0);
   ASSERT_EQ(table.ExportAlias(kMap, 1), 0);
   EXPECT_EQ(qsvtest::ReadFile(kMap),
             "MAILER-DAEMON: postmaster\npostmaster: root\n"
-            "sales: alice, bob, ext@partner.test, team\nteam: carol\n");
+            "sales: alice, bob, ext@partner.test, team, zed@partner.test\nteam: carol\n");
   ASSERT_EQ(qsvtest::RunProgram(kPostalias, kMap), 0);
-  EXPECT_EQ(Postalias("sales", kMap), "alice, bob, ext@partner.test, team");
+  EXPECT_EQ(Postalias("sales", kMap), "alice, bob, ext@partner.test, team, zed@partner.test");
   EXPECT_EQ(Postalias("team", kMap), "carol");
 
   std::list<std::string> flat;
   ASSERT_EQ(table.getWithoutAliasList({1, "sales"}, flat), 0);
-  EXPECT_EQ(Joined(flat), "alice bob carol ext@partner.test ");
+  EXPECT_EQ(Joined(flat), "alice bob carol ext@partner.test zed@partner.test ");
 
   // Another domain sees none of it; the valid names of the server do.
   ASSERT_EQ(table.ExportAlias(kMap, 2), 0);
@@ -117,11 +119,17 @@ TEST_F(AliasTest, ImportSkipsReservedNamesAndRoundTripsAnExport) {
   qsvtest::WriteFile(kMap,
                      "# a comment\n\nPostmaster: alice\nROOT: bob\nMailer-Daemon: carol\n"
                      "  a :\tb, far@out.test\n"
-                     "b: alice,,bob\nnocolon\nc: Carol, nobody-such\n");
+                     "b: alice,,bob\nnocolon\nc: Carol, nobody-such\n"
+                     "d: twice@out.test, twice@out.test\n");
+  // A row already there is skipped; a line that names a member twice loses only its own alias.
+  Add("a", {{"far@out.test", MEMBER_EMAIL}});
   {
+    qsvtest::SyslogCapture log;
     Alias table(kDb);
     ASSERT_EQ(table.load(), 0);
     ASSERT_EQ(table.ImportAlias(kMap, 1), 0);
+    EXPECT_EQ(table.getError(), -1);
+    EXPECT_EQ(log.Matching("UNIQUE constraint failed").size(), 1u);
   }
   EXPECT_EQ(Rows(1), "a:b:2 a:far@out.test:3 b:alice:0 b:bob:0 c:carol:0 ");
   EXPECT_EQ(Rows(0), "root:admin:0 ");
