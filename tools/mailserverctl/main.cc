@@ -1,6 +1,8 @@
 // mailserverctl: the command-line front end of the library for an administrator of one machine.
 //
 //   mailserverctl setup [--address IP]
+//   mailserverctl member add|join|del|list|check ...
+//   mailserverctl version publish|check
 //   mailserverctl conf get KEY
 //   mailserverctl conf set KEY VALUE [KEY VALUE ...]
 //   mailserverctl cluster status
@@ -56,6 +58,7 @@
 #include "mailserverctl/global_commands.h"
 #include "mailserverctl/log_commands.h"
 #include "mailserverctl/migration_commands.h"
+#include "mailserverctl/member_commands.h"
 #include "mailserverctl/one_node_setup.h"
 #include "mailserverctl/personal_commands.h"
 #include "mailserverctl/quarantine_commands.h"
@@ -79,6 +82,8 @@ const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/Clust
 int Usage() {
   fprintf(stderr,
           "usage: mailserverctl setup [--address IP]\n"
+          "       mailserverctl member add|join|del|list|check ...\n"
+          "       mailserverctl version publish|check\n"
           "       mailserverctl conf get KEY\n"
           "       mailserverctl conf set KEY VALUE [KEY VALUE ...]\n"
           "       mailserverctl cluster status\n"
@@ -190,6 +195,12 @@ int Run(const std::vector<std::string> &args) {
       return Usage();
     }
     return mailserverctl::SetUpOneNode(address) ? 0 : 1;
+  }
+  if (command == "member") {
+    return mailserverctl::MemberCommand(std::vector<std::string>(args.begin() + 1, args.end()));
+  }
+  if (command == "version") {
+    return mailserverctl::VersionCommand(std::vector<std::string>(args.begin() + 1, args.end()));
   }
   if (command == "conf" && args.size() == 3 && args[1] == "get") {
     return mailserverctl::ConfGet(args[2]);

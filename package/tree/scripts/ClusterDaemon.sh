@@ -4,6 +4,7 @@
 #
 #   ClusterDaemon.sh status|start|stop|backend_restart|watch_restart
 #   ClusterDaemon.sh create_quillon_share_env PATH
+#   ClusterDaemon.sh generate_certificate ID IP [MASTER_IP...]
 #
 # A node belongs to a cluster while etc/redis/redis.conf exists; without it there is nothing to
 # run. status exits 0 only when this node's store answers and, on a replica, is linked to its
@@ -21,10 +22,12 @@ redis_cli=$target/bin/redis-cli
 redis_server=$target/bin/redis-server
 memcached=$target/bin/memcached
 watcher=$target/usr/bin/kolt-quillon-server-key-watcher
+request_service=$target/usr/bin/kolt-quillon-server-request-service
 
 redis_pid=$run/redis.pid
 memcached_pid=$run/file_buffer_memcached.pid
 watcher_pid=$run/key_watcher.pid
+request_pid=$run/request_service.pid
 
 redis_port=8500
 memcached_port=8502
@@ -160,7 +163,16 @@ start_memcached() {
     [ "$(id -u)" = 0 ] && user=(-u root)
     # A whole file is one value, and the spam databases run to tens of megabytes: the default
     # 1 MB item limit would refuse them.
-    if ! "$memcached" -d "${user[@]}" -l 127.0.0.1 -p $memcached_port -U 0 -m 1024 -I 128m \
+    # Other nodes fetch from it over the cluster network: loopback and this node's own address,
+    # never every interface.
+    local listen=127.0.0.1 me address
+    me=$("$tool" conf-value --file "$conf/local_id_file" --member id 2>/dev/null)
+    if [ -n "$me" ]; then
+        address=$("$tool" conf-value --file "$conf/mapping_table" --member "mapping_table/$me" \
+            2>/dev/null || "$tool" conf-value --file "$conf/mapping_table" --member "$me" 2>/dev/null)
+        [[ $address =~ ^[0-9.]+$ && $address != 127.0.0.1 ]] && listen+=",$address"
+    fi
+    if ! "$memcached" -d "${user[@]}" -l "$listen" -p $memcached_port -U 0 -m 1024 -I 128m \
             -P "$memcached_pid" </dev/null >/dev/null 2>&1 9>&-; then
         log "memcached refused to start"
         return 1
@@ -185,6 +197,56 @@ start_watcher() {
 
 stop_watcher() {
     stop_by_pid_file "$watcher_pid" "${watcher##*/}"
+}
+
+# The service that answers other nodes' requests (files they send this node).
+start_request_service() {
+    [ -x "$request_service" ] || return 0
+    running_pid "$request_pid" "${request_service##*/}" >/dev/null && return 0
+    mkdir -p "$run"
+    setsid "$request_service" </dev/null >/dev/null 2>&1 9>&- &
+    echo $! >"$request_pid"
+}
+
+# The node's certificate, signed by the cluster's internal CA. The first master makes the CA; a
+# node that joins an existing cluster gets the CA from the join ticket that
+# `mailserverctl member join` stages in etc/join/. Keys are root's alone.
+generate_certificate() {
+    local id=$1 ip=$2 first=${3:-$2}
+    local ca=$etc/internal-ca-ssl ssl=$etc/internal-ssl join=$etc/join tmp
+    if [[ ! $id =~ ^[A-Za-z0-9_.-]+$ || $id == . || $id == .. || ! $ip =~ ^[0-9A-Fa-f:.]+$ ]]; then
+        log "generate_certificate: bad node id or address"
+        return 1
+    fi
+    (umask 077 && mkdir -p "$ca" "$ssl") || return 1
+    if [ -s "$join/ca.key" ] && [ -s "$join/ca.crt" ]; then
+        install -m 0600 "$join/ca.key" "$ca/ca.key" && install -m 0644 "$join/ca.crt" "$ca/ca.crt" ||
+            return 1
+    elif [ ! -s "$ca/ca.key" ]; then
+        if [ "$ip" != "$first" ]; then
+            log "generate_certificate: no CA of the cluster for a node that is not its first master"
+            return 1
+        fi
+        (umask 077 && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+            -keyout "$ca/ca.key" -out "$ca/ca.crt" -days 3650 \
+            -subj "/CN=Quillon Server internal CA" 2>/dev/null) || return 1
+        chmod 0644 "$ca/ca.crt"
+    fi
+    tmp=$(mktemp -d) || return 1
+    if ! (umask 077 && openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+            -keyout "$ssl/node.key" -out "$tmp/node.csr" -subj "/CN=$id" 2>/dev/null &&
+            printf 'subjectAltName=IP:%s\n' "$ip" >"$tmp/ext" &&
+            openssl x509 -req -in "$tmp/node.csr" -CA "$ca/ca.crt" -CAkey "$ca/ca.key" \
+                -set_serial "0x$(openssl rand -hex 16)" -days 3650 -extfile "$tmp/ext" \
+                -out "$ca/$id.crt" 2>/dev/null); then
+        rm -rf "$tmp"
+        log "generate_certificate: openssl failed"
+        return 1
+    fi
+    rm -rf "$tmp"
+    chmod 0644 "$ca/$id.crt"
+    cp "$ca/$id.crt" "$ssl/node.crt"
+    openssl verify -CAfile "$ca/ca.crt" "$ssl/node.crt" >/dev/null
 }
 
 status() {
@@ -271,12 +333,14 @@ case $1 in
             start_memcached
         fi
         start_watcher
+        start_request_service
         redis_answers
         exit $?
         ;;
     stop)
         take_lock
         stop_watcher
+        stop_by_pid_file "$request_pid" "${request_service##*/}"
         stop_by_pid_file "$memcached_pid" memcached
         stop_redis
         exit 0
@@ -301,9 +365,16 @@ case $1 in
         create_share_env "$2"
         exit $?
         ;;
+    generate_certificate)
+        [ $# -ge 3 ] || { log "usage: $0 generate_certificate ID IP [MASTER_IP...]"; exit 1; }
+        take_lock
+        generate_certificate "${@:2}"
+        exit $?
+        ;;
     *)
         echo "usage: $0 status|start|stop|backend_restart|watch_restart" >&2
         echo "       $0 create_quillon_share_env PATH" >&2
+        echo "       $0 generate_certificate ID IP [MASTER_IP...]" >&2
         exit 1
         ;;
 esac

@@ -1,0 +1,402 @@
+#include "mailserverctl/member_commands.h"
+
+#include <arpa/inet.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+#include <json/json.h>
+
+#include "cluster/mailserver_cluster.h"
+#include "config/mail_conf.h"
+#include "config/version.h"
+#include "core/mail_conf.h"
+#include "foundation/files.h"
+#include "foundation/strings.h"
+#include "kolt/exec.h"
+#include "mailserverctl/error.h"
+
+using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
+using KOLT::QUILLON_SERVER::MemberConfig;
+using KOLT::QUILLON_SERVER::Role;
+
+namespace mailserverctl {
+namespace {
+
+const char kEtc[] = "/var/packages/Quillon-Server/etc/";
+const char kJoinDir[] = "/var/packages/Quillon-Server/etc/join/";
+const char kCaDir[] = "/var/packages/Quillon-Server/etc/internal-ca-ssl/";
+const char kTool[] = "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
+const char kRedisCli[] = "/var/packages/Quillon-Server/target/usr/bin/redis-cli";
+const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
+constexpr int kQuietWait = 187;
+
+int MemberUsage() {
+  fprintf(stderr,
+          "usage: mailserverctl member add --address IP --ticket FILE [--roles LIST] "
+          "[--weight N] [--no-backend]\n"
+          "       mailserverctl member join --ticket FILE\n"
+          "       mailserverctl member del ID\n"
+          "       mailserverctl member list\n"
+          "       mailserverctl member check --address IP | --remove ID\n"
+          "  (LIST: mailer,storager,balancer; all three by default)\n");
+  return 2;
+}
+
+bool IsAddress(const std::string &text) {
+  unsigned char buf[16];
+  return inet_pton(AF_INET, text.c_str(), buf) == 1 || inet_pton(AF_INET6, text.c_str(), buf) == 1;
+}
+
+bool IsNodeId(const std::string &text) {
+  return std::regex_match(text, std::regex("mailserver_id-[0-9]{1,20}"));
+}
+
+std::string ReadFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::vector<std::string> Split(const std::string &text) {
+  std::vector<std::string> out;
+  stringSplit(out, text, " ");
+  return out;
+}
+
+std::string Get(const std::string &key) {
+  std::string value;
+  mailConfGet(key, value);
+  return value;
+}
+
+bool Holds(const std::string &listKey, const std::string &id) {
+  const std::vector<std::string> ids = Split(Get(listKey));
+  return std::find(ids.begin(), ids.end(), id) != ids.end();
+}
+
+// The address of the node whose key store is the replication master, as the key store tool sees
+// it, or "".
+std::string RedisMasterAddress() {
+  FILE *out = KLIBCPopen(kTool, "r", "backend-command", "--command", "get_redis_master_ip",
+                         "--key", "", static_cast<char *>(nullptr));
+  if (out == nullptr) return "";
+  char line[256] = {0};
+  const bool read = fgets(line, sizeof(line), out) != nullptr;
+  KLIBCPclose(out);
+  std::string address = read ? line : "";
+  while (!address.empty() && (address.back() == '\n' || address.back() == '\r')) address.pop_back();
+  return IsAddress(address) ? address : "";
+}
+
+// A member as the store describes it, for its removal.
+MemberConfig StoredMember(const std::string &id) {
+  MemberConfig config;
+  config.id = id;
+  config.backend = Holds("consul_peers", id);
+  config.mailer = Holds("mailer", id);
+  config.storager = Holds("storager", id);
+  config.balancer = Holds("balancer", id);
+  for (const std::string &entry : Split(Get("mailer_weight_list"))) {
+    if (entry.compare(0, id.size() + 1, id + ":") == 0) {
+      config.weight = static_cast<uint32_t>(strtoul(entry.c_str() + id.size() + 1, nullptr, 10));
+    }
+  }
+  return config;
+}
+
+Json::Value ConfigJson(const MemberConfig &config) {
+  Json::Value json(Json::objectValue);
+  json["id"] = config.id;
+  json["hostname"] = config.hostname;
+  json["volume"] = config.storageVolume;
+  for (const std::string &ip : config.ipList) json["ips"].append(ip);
+  json["weight"] = config.weight;
+  json["backend"] = config.backend;
+  json["mailer"] = config.mailer;
+  json["storager"] = config.storager;
+  json["balancer"] = config.balancer;
+  return json;
+}
+
+int Add(const std::vector<std::string> &args) {
+  std::string address, ticket, roles = "mailer,storager,balancer";
+  long weight = 1;
+  bool backend = true;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string &a = args[i];
+    const bool hasValue = i + 1 < args.size();
+    if (a == "--address" && hasValue) {
+      address = args[++i];
+    } else if (a == "--ticket" && hasValue) {
+      ticket = args[++i];
+    } else if (a == "--roles" && hasValue) {
+      roles = args[++i];
+    } else if (a == "--weight" && hasValue) {
+      char *end = nullptr;
+      weight = strtol(args[++i].c_str(), &end, 10);
+      if (*end != '\0' || weight < 0 || weight > 1000) return Error("--weight: 0 to 1000");
+    } else if (a == "--no-backend") {
+      backend = false;
+    } else {
+      return MemberUsage();
+    }
+  }
+  if (!IsAddress(address)) return Error("--address: not an address: " + Quoted(address));
+  if (ticket.empty() || ticket[0] != '/') return Error("--ticket: an absolute path is needed");
+  MemberConfig config;
+  for (const std::string &role : Split(std::regex_replace(roles, std::regex(","), " "))) {
+    if (role == "mailer") {
+      config.mailer = true;
+    } else if (role == "storager") {
+      config.storager = true;
+    } else if (role == "balancer") {
+      config.balancer = true;
+    } else {
+      return Error("--roles: unknown role " + Quoted(role));
+    }
+  }
+  KOLTMailNodeCluster node;
+  if (!node.isClusterInited()) return Error("this node is not part of a cluster");
+  if (!node.memberAddCheck({{"new", address}}, "new", "", "")) {
+    return Error("the address cannot join (error code " + std::to_string(node.getErrorCode()) +
+                 "; see the system log)");
+  }
+  std::map<std::string, std::string> idIpMap;
+  node.newIdIpMapGen({}, idIpMap, true);
+  std::map<std::string, std::string> fresh;
+  do {
+    fresh.clear();
+    node.newIdIpMapGen({address}, fresh, false);
+  } while (idIpMap.count(fresh.begin()->first) != 0);
+  const std::string id = fresh.begin()->first;
+  idIpMap[id] = address;
+
+  const std::string master = RedisMasterAddress();
+  const std::string masterId = master.empty() ? "" : node.ipToID(master);
+  if (masterId.empty()) return Error("cannot tell which node holds the key store's master role");
+  Json::Value conf;
+  if (loadMailJsonFromFile("backend.conf", conf, kEtc) != 0 || !conf["password"].isString()) {
+    return Error("cannot read the backend password");
+  }
+  std::map<std::string, std::vector<std::string>> nodeIps;
+  for (const auto &entry : idIpMap) nodeIps[entry.first] = {entry.second};
+  Role role;
+  role.mailer = config.mailer;
+  role.storager = config.storager;
+  role.balancer = config.balancer;
+  if (!node.memberAddPrepare(idIpMap, id, role, nodeIps)) {
+    return Error("cannot prepare this node for the new member (see the system log)");
+  }
+  config.id = id;
+  config.ipList = {address};
+  config.weight = static_cast<uint32_t>(weight);
+  config.backend = backend;
+  config.storageVolume = "volume1";
+
+  // What the new node needs to join: who is who, whom its key store follows, the cluster's
+  // password and CA. Root's alone.
+  Json::Value json(Json::objectValue);
+  for (const auto &entry : idIpMap) json["map"][entry.first] = entry.second;
+  json["master"] = masterId;
+  json["password"] = conf["password"];
+  json["ca_key"] = ReadFile(std::string(kCaDir) + "ca.key");
+  json["ca_crt"] = ReadFile(std::string(kCaDir) + "ca.crt");
+  json["member"] = ConfigJson(config);
+  const mode_t old = umask(077);
+  const bool written = WriteWholeFile(ticket, Json::StyledWriter().write(json)) == 0 &&
+                       chmod(ticket.c_str(), 0600) == 0;
+  umask(old);
+  if (!written) return Error("cannot write the ticket " + Quoted(ticket));
+  printf("%s at %s may join: run `mailserverctl member join --ticket FILE` on it\n", id.c_str(),
+         address.c_str());
+  return 0;
+}
+
+// Reads a ticket, refusing one that others than root could have written or read.
+bool ReadTicket(const std::string &path, Json::Value &ticket, MemberConfig &config,
+                std::map<std::string, std::string> &idIpMap) {
+  struct stat st;
+  if (path.empty() || path[0] != '/' || lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+      st.st_uid != 0 || (st.st_mode & 077) != 0) {
+    return false;
+  }
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  std::ifstream in(path);
+  if (!Json::parseFromStream(builder, in, &ticket, &errors) || !ticket.isObject() ||
+      !ticket["map"].isObject() || !ticket["member"].isObject()) {
+    return false;
+  }
+  for (const std::string &id : ticket["map"].getMemberNames()) {
+    const std::string ip = ticket["map"][id].asString();
+    if (!IsNodeId(id) || !IsAddress(ip)) return false;
+    idIpMap[id] = ip;
+  }
+  const Json::Value &m = ticket["member"];
+  config.id = m["id"].asString();
+  config.storageVolume = m["volume"].asString();
+  config.weight = m["weight"].asUInt();
+  config.backend = m["backend"].asBool();
+  config.mailer = m["mailer"].asBool();
+  config.storager = m["storager"].asBool();
+  config.balancer = m["balancer"].asBool();
+  for (const Json::Value &ip : m["ips"]) config.ipList.push_back(ip.asString());
+  const std::string password = ticket["password"].asString();
+  return IsNodeId(config.id) && idIpMap.count(config.id) != 0 &&
+         idIpMap.count(ticket["master"].asString()) != 0 && !password.empty() &&
+         std::all_of(password.begin(), password.end(), [](char c) { return isalnum(c) != 0; }) &&
+         std::regex_match(config.storageVolume, std::regex("volume[0-9]{1,3}"));
+}
+
+int Join(const std::string &path) {
+  Json::Value ticket;
+  MemberConfig config;
+  std::map<std::string, std::string> idIpMap;
+  if (!ReadTicket(path, ticket, config, idIpMap)) {
+    return Error("not a usable ticket (root's alone, from `member add`): " + Quoted(path));
+  }
+  char hostname[256] = {0};
+  config.hostname = gethostname(hostname, sizeof(hostname) - 1) == 0 ? hostname : "localhost";
+  mkdir(kJoinDir, 0700);
+  const mode_t old = umask(077);
+  const bool staged =
+      WriteWholeFile(std::string(kJoinDir) + "ca.key", ticket["ca_key"].asString()) == 0 &&
+      WriteWholeFile(std::string(kJoinDir) + "ca.crt", ticket["ca_crt"].asString()) == 0;
+  umask(old);
+  KOLTMailNodeCluster node;
+  std::vector<std::string> own;
+  node.getNodeIPList(own);
+  const bool setUp = staged && node.setupEnv(idIpMap, own, {ticket["master"].asString()},
+                                             ticket["password"].asString());
+  KLIBCExecl("/bin/rm", kQuietWait, "-rf", kJoinDir, static_cast<char *>(nullptr));
+  if (!setUp) return Error("cannot set this node up (see the system log)");
+  std::map<std::string, std::vector<std::string>> nodeIps;
+  for (const auto &entry : idIpMap) nodeIps[entry.first] = {entry.second};
+  KOLTMailNodeCluster joined;
+  Role role;
+  role.mailer = config.mailer;
+  role.storager = config.storager;
+  role.balancer = config.balancer;
+  bool configDone = false;
+  const bool ok = joined.start(nodeIps) && joined.waitClusterHealth(10) &&
+                  joined.localIdIpMapUpdate(idIpMap, config.id, true) &&
+                  (configDone = joined.addRemoveNodeConfig(config, true));
+  if (!ok) {
+    joined.memberAddRestore(idIpMap, config.id, role, configDone, config);
+    return Error("the node did not join; what was added was taken back (see the system log)");
+  }
+  printf("%s joined; its key store follows %s\n", config.id.c_str(),
+         idIpMap[ticket["master"].asString()].c_str());
+  return 0;
+}
+
+// After this node took the key store's master role, the other key stores must follow it: a
+// store left following the removed node would split the cluster in two.
+void RepointBackends(KOLTMailNodeCluster &node, const std::string &removed) {
+  Json::Value conf;
+  if (loadMailJsonFromFile("backend.conf", conf, kEtc) != 0) return;
+  setenv("REDISCLI_AUTH", conf["password"].asCString(), 1);
+  const std::string self = node.getHostIP();
+  for (const std::string &id : Split(Get("consul_peers"))) {
+    const std::string ip = node.idToIP(id);
+    if (id == removed || id == node.getHostID() || !IsAddress(ip)) continue;
+    KLIBCExecl(kRedisCli, kQuietWait, "-h", ip.c_str(), "-p", "8500", "SLAVEOF", self.c_str(),
+               "8500", static_cast<char *>(nullptr));
+    KLIBCExecl(kRedisCli, kQuietWait, "-h", ip.c_str(), "-p", "8500", "CONFIG", "REWRITE",
+               static_cast<char *>(nullptr));
+  }
+  unsetenv("REDISCLI_AUTH");
+}
+
+int Del(const std::string &id) {
+  if (!IsNodeId(id)) return Error("not a node id: " + Quoted(id));
+  KOLTMailNodeCluster node;
+  if (!node.memberDelCheck(id)) {
+    return Error("cannot remove " + id + " (error code " + std::to_string(node.getErrorCode()) +
+                 "; see the system log)");
+  }
+  const MemberConfig config = StoredMember(id);
+  if (!node.memberDel(id)) return Error("cannot take the key store's master role");
+  RepointBackends(node, id);
+  if (!node.addRemoveNodeConfig(config, false)) {
+    return Error("the member's keys were not all removed (see the system log); run again");
+  }
+  // The file buffer follows the master balancer, which may now be this node.
+  KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0);
+  printf("%s removed; this node holds the key store's master role\n", id.c_str());
+  return 0;
+}
+
+int List() {
+  KOLTMailNodeCluster node;
+  const std::string master = Get("balancer_master_node");
+  for (const std::string &id : Split(Get("cluster_peers"))) {
+    std::string roles;
+    for (const char *role : {"mailer", "storager", "balancer"}) {
+      if (Holds(role, id)) roles += std::string(roles.empty() ? "" : ",") + role;
+    }
+    const MemberConfig config = StoredMember(id);
+    printf("%s %s roles=%s weight=%u%s%s%s\n", id.c_str(), node.idToIP(id).c_str(),
+           roles.empty() ? "-" : roles.c_str(), config.weight, config.backend ? " backend" : "",
+           id == master ? " master-balancer" : "", id == node.getHostID() ? " (this node)" : "");
+  }
+  return 0;
+}
+
+int Check(const std::vector<std::string> &args) {
+  if (args.size() != 2) return MemberUsage();
+  KOLTMailNodeCluster node;
+  bool ok;
+  if (args[0] == "--address" && IsAddress(args[1])) {
+    ok = node.memberAddCheck({{"new", args[1]}}, "new", "", "");
+  } else if (args[0] == "--remove" && IsNodeId(args[1])) {
+    ok = node.memberDelCheck(args[1]);
+  } else {
+    return MemberUsage();
+  }
+  if (!ok) return Error("refused (error code " + std::to_string(node.getErrorCode()) + ")");
+  printf("ok\n");
+  return 0;
+}
+
+}  // namespace
+
+int MemberCommand(const std::vector<std::string> &args) {
+  if (geteuid() != 0) return Error("member: must run as root");
+  if (args.empty()) return MemberUsage();
+  const std::vector<std::string> rest(args.begin() + 1, args.end());
+  if (args[0] == "add") return Add(rest);
+  if (args[0] == "join" && rest.size() == 2 && rest[0] == "--ticket") return Join(rest[1]);
+  if (args[0] == "del" && rest.size() == 1) return Del(rest[0]);
+  if (args[0] == "list" && rest.empty()) return List();
+  if (args[0] == "check") return Check(rest);
+  return MemberUsage();
+}
+
+int VersionCommand(const std::vector<std::string> &args) {
+  if (args.size() == 1 && args[0] == "publish") {
+    if (QuillonServerVersion::SetQuillonServerVersion() != 0) {
+      return Error("cannot publish this node's version (see the system log)");
+    }
+    printf("published\n");
+    return 0;
+  }
+  if (args.size() == 1 && args[0] == "check") {
+    const int rc = QuillonServerVersion::CheckQuillonServerVersion();
+    if (rc < 0) return Error("cannot compare the versions (see the system log)");
+    printf("%s\n", rc == 0 ? "same" : "different");
+    return 0;
+  }
+  fprintf(stderr, "usage: mailserverctl version publish|check\n");
+  return 2;
+}
+
+}  // namespace mailserverctl
