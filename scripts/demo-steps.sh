@@ -300,6 +300,94 @@ show "$ctl" global list white --cidr
 echo "192.0.2.200 -> $("$target/sbin/postmap" -q 192.0.2.200 cidr:/tmp/demo-whitelist.cidr)"
 echo "192.0.3.1 -> $("$target/sbin/postmap" -q 192.0.3.1 cidr:/tmp/demo-whitelist.cidr || echo "(no match)")"
 
+step "Migration: a task copies two users' mailboxes (two folders, a few hundred messages) from another IMAP server into this one"
+# The other server: a Dovecot of its own on port 10143, with users alice and bob.
+src=/tmp/demo-source
+mkdir -p "$src/run" "$src/state" "$src/mail"
+chown Quillon-Server: "$src/mail"
+printf 'alice:Alice-Old-1\nbob:Bob-Old-2\n' >"$src/users"
+cat >"$src/dovecot.conf" <<CONF
+base_dir = $src/run
+state_dir = $src/state
+log_path = $src/dovecot.log
+listen = 127.0.0.1
+protocols = imap
+ssl = no
+disable_plaintext_auth = no
+first_valid_uid = 1
+mail_location = maildir:$src/mail/%u
+passdb {
+  driver = passwd-file
+  args = scheme=PLAIN $src/users
+}
+userdb {
+  driver = static
+  args = uid=$(id -u Quillon-Server) gid=$(id -g Quillon-Server) home=$src/mail/%u
+}
+service imap-login {
+  inet_listener imap {
+    port = 10143
+  }
+  inet_listener imaps {
+    port = 0
+  }
+}
+CONF
+# Messages written straight into the source's Maildirs: INBOX and Projects for each user.
+fill() {  # user folder count
+    local dir="$src/mail/$1" i
+    [ "$2" = INBOX ] || dir="$dir/.$2"
+    mkdir -p "$dir/cur" "$dir/new" "$dir/tmp"
+    for ((i = 0; i < $3; i++)); do
+        printf 'From: boss@old.example\r\nTo: %s@old.example\r\nSubject: %s %d\r\nMessage-ID: <%s.%s.%d@old.example>\r\n\r\nBody %d\r\n' \
+            "$1" "$2" "$i" "$1" "$2" "$i" "$i" >"$dir/cur/$((1700000000 + i)).M$i.$1$2:2,S"
+    done
+}
+fill alice INBOX 150; fill alice Projects 60; fill bob INBOX 90; fill bob Projects 30
+chown -R Quillon-Server: "$src/mail"
+/usr/sbin/dovecot -c "$src/dovecot.conf"
+# Here: two accounts, and this server's IMAP on again.
+for u in anna bert; do
+    id "$u" >/dev/null 2>&1 || useradd -M "$u"
+    "$ctl" personal show "$u" >/dev/null
+done
+"$ctl" settings set --of imap imap_enabled yes >/dev/null
+show "$ctl" settings service --of imap start
+show "$ctl" migration test --server 127.0.0.1 --port 10143
+show "$ctl" migration test --server 127.0.0.1 --port 10144 || true
+show "$ctl" migration add office-move --server 127.0.0.1 --port 10143 --max-users 2
+printf 'alice,Alice-Old-1,anna\nbob,Bob-Old-2,bert\n' >/tmp/demo-users.csv
+show "$ctl" migration users office-move --file /tmp/demo-users.csv
+task_dir=/var/packages/Quillon-Server/target/var/migration_data/office-move
+echo "The stored list keeps the passwords enciphered, readable by the package user alone:"
+ls -l "$task_dir/user_list"
+if grep -q 'Alice-Old-1' "$task_dir/user_list"; then echo "UNEXPECTED: a password in clear"; exit 1; fi
+show "$ctl" migration test office-move
+show "$ctl" migration start office-move
+echo "While it runs, Dovecot knows one master user, usable from this machine only:"
+sed 's/:{SHA512-CRYPT}[^:]*:*/ (hash) /' /var/packages/Quillon-Server/target/etc/dovecot/conf.d/master-users
+"$ctl" migration status office-move
+for _ in $(seq 1 120); do
+    "$ctl" migration status office-move | grep -q running || break
+    sleep 0.5
+done
+show "$ctl" migration status office-move
+show "$ctl" migration log office-move --user-rows --oldest-first
+echo "The master user is gone with the run: [$(cat /var/packages/Quillon-Server/target/etc/dovecot/conf.d/master-users 2>/dev/null)]"
+# Messages on each side, folder by folder, as each Dovecot counts them.
+doveadm=/var/packages/Quillon-Server/target/bin/doveadm
+for pair in alice:anna bob:bert; do
+    s=${pair%%:*} d=${pair##*:}
+    for folder in INBOX Projects; do
+        there=$("$doveadm" -c "$src/dovecot.conf" mailbox status -u "$s" messages "$folder" | sed "s/.*messages=//")
+        here=$("$doveadm" -c "$dovecot_conf" mailbox status -u "$d" messages "$folder" | sed "s/.*messages=//")
+        echo "$s $folder: $there there, $d $folder: $here here"
+        [ "$there" = "$here" ] || { echo "UNEXPECTED: the counts differ"; exit 1; }
+    done
+done
+/usr/sbin/dovecot -c "$src/dovecot.conf" stop
+show "$ctl" settings set --of imap imap_enabled no
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop
