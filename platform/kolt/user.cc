@@ -219,6 +219,52 @@ int KLIBUserRealNameGet(const char *name, char *buf, int size, int /*flags*/) {
   return 0;
 }
 
+namespace {
+
+std::string Folded(const std::string &name) {
+  std::string folded = name;
+  for (char &c : folded) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return folded;
+}
+
+}  // namespace
+
+int KOLTUserRealNames::Load() {
+  auto collect = [this](const struct passwd &pw) {
+    Spellings &spellings = byFolded_[Folded(pw.pw_name)];
+    if (spellings.first.empty()) {
+      spellings.first = pw.pw_name;
+    } else if (spellings.first != pw.pw_name) {
+      spellings.more.emplace_back(pw.pw_name);
+    }
+    return true;
+  };
+  loaded_ = ForEachUser(collect) == 0 ? 1 : -1;
+  return loaded_;
+}
+
+int KOLTUserRealNames::Get(const std::string &name, std::string &real) {
+  if (loaded_ == 0) Load();
+  if (loaded_ < 0) {
+    KLIBC_ERR_SET(KLIBC_ERR_OUT_OF_MEMORY);
+    return -1;
+  }
+  const auto found = byFolded_.find(Folded(name));
+  if (found == byFolded_.end() || name.empty()) {
+    KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
+    return -1;
+  }
+  // An exact match wins; otherwise the first user that differs only in case, as in the walk.
+  const Spellings &spellings = found->second;
+  const bool exact = spellings.first == name || std::find(spellings.more.begin(),
+                                                          spellings.more.end(),
+                                                          name) != spellings.more.end();
+  real = exact ? name : spellings.first;
+  return 0;
+}
+
 int KLIBUserEnum(KLIBSZLIST **list, int authType, const char * /*domain*/) {
   if (list == nullptr || (authType & (AUTH_LOCAL | AUTH_WIN | AUTH_LDAP)) == 0) {
     KLIBC_ERR_SET(KLIBC_ERR_BAD_PARAM);

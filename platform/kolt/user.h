@@ -8,6 +8,10 @@
 
 #include <sys/types.h>
 
+#include <string>
+#include <unordered_map>
+#include <vector>
+
 #include "kolt/szlist.h"
 
 struct KOLTUSER {
@@ -43,6 +47,31 @@ void KOLTGroupFree(KOLTGROUP *group);
 // Finds the user whose name matches name ignoring ASCII case and writes the
 // name as the system stores it. 0, or -1 when none matches or buf is too small.
 int KLIBUserRealNameGet(const char *name, char *buf, int size, int flags);
+
+// KLIBUserRealNameGet for many names at once. Each lookup by name costs a walk of the name
+// service (every module of nsswitch.conf in turn, often a file read from the start), and a name
+// that no user has exactly costs a second walk over all users for the case-blind match. This walks
+// the users once, at the first Get, and answers every name from that list: a user that the name
+// service adds later, or that a module finds by name but doesn't list, is not seen. One object
+// belongs to one thread; make one per batch of names.
+class KOLTUserRealNames {
+ public:
+  // As KLIBUserRealNameGet: 0 and the name as the system stores it (an exact match wins over one
+  // that differs only in case), or -1 with the error slot set.
+  int Get(const std::string &name, std::string &real);
+
+ private:
+  int Load();
+
+  // The users whose names are the same in lower case: the first listed, then any others.
+  struct Spellings {
+    std::string first;
+    std::vector<std::string> more;
+  };
+
+  int loaded_ = 0;  // 0 not yet, 1 listed, -1 the listing failed
+  std::unordered_map<std::string, Spellings> byFolded_;
+};
 
 // Appends the sorted names of the users of authType (a mask of AUTH_TYPE
 // bits) to *list (a null *list gets a new one). Local users are the NAS's

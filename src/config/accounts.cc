@@ -41,23 +41,52 @@ int userTypeCheck(const std::string &user) {
   return AccountType(postfix) == source ? 0 : -2;
 }
 
-std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve) {
+namespace {
+
+// `user` with the domain part of the server's source, when it has none.
+std::string QualifiedName(Postfix &postfix, const std::string &user) {
   const std::string type = AccountType(postfix);
-  std::string name = user;
   if (type == "ldap" && user.find('@') == std::string::npos) {
-    name = user + "@" + Setting(postfix, "acc_domain_name");
-  } else if (type == "win" && user.find('\\') == std::string::npos) {
-    name = Setting(postfix, "win_domain_short_name") + "\\" + user;
+    return user + "@" + Setting(postfix, "acc_domain_name");
   }
-  if (resolve) {
-    char real[493] = {0};
-    if (KLIBUserRealNameGet(name.c_str(), real, sizeof(real), 0) != 0) {
-      maillog(3, "%s:%d KLIBUserRealNameGet fail %s", QSV_FILE, __LINE__, name.c_str());
-    } else {
-      name = real;
-    }
+  if (type == "win" && user.find('\\') == std::string::npos) {
+    return Setting(postfix, "win_domain_short_name") + "\\" + user;
   }
-  return name;
+  return user;
+}
+
+// The stored spelling of `name` from `lookup` (0 and the text), or `name` itself with a log line.
+template <typename Lookup>
+std::string Resolved(const std::string &name, Lookup lookup) {
+  std::string real;
+  // The platform's buffer for the name is this size: a longer one is no name it gives.
+  constexpr size_t kRealNameSize = 493;
+  if (lookup(name, real) != 0 || real.size() >= kRealNameSize) {
+    maillog(3, "%s:%d KLIBUserRealNameGet fail %s", QSV_FILE, __LINE__, name.c_str());
+    return name;
+  }
+  return real;
+}
+
+}  // namespace
+
+std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve) {
+  const std::string name = QualifiedName(postfix, user);
+  if (!resolve) return name;
+  return Resolved(name, [](const std::string &full, std::string &real) {
+    char buffer[493] = {0};
+    if (KLIBUserRealNameGet(full.c_str(), buffer, sizeof(buffer), 0) != 0) return -1;
+    real = buffer;
+    return 0;
+  });
+}
+
+FullUsernames::FullUsernames(Postfix &postfix) : postfix_(postfix) {}
+
+std::string FullUsernames::Get(const std::string &user) {
+  return Resolved(QualifiedName(postfix_, user), [this](const std::string &full, std::string &real) {
+    return users_.Get(full, real);
+  });
 }
 
 int mailDirPathGet(const std::string &user, std::string &path) {

@@ -11,6 +11,7 @@
 
 #include "config/postfix.h"
 #include "foundation/export.h"
+#include "kolt/user.h"
 
 // 0 when the form of `user` ("DOMAIN\name" win, "name@domain" ldap, else local) matches the
 // server's account_type, -2 when it belongs to another source, -1 when the settings can't load.
@@ -18,6 +19,19 @@ QSV_EXPORT int userTypeCheck(const std::string &user);
 
 // `user` in the full form of the server's source; with `resolve`, in the stored spelling.
 QSV_EXPORT std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve);
+
+// getFullUsername(postfix, user, true) for many users: the system's users are listed once, at the
+// first Get, and every name is resolved from that list (see KOLTUserRealNames). REQUIRES: `postfix`
+// loaded, and alive as long as this object. Belongs to one thread.
+class QSV_EXPORT FullUsernames {
+ public:
+  explicit FullUsernames(Postfix &postfix);
+  std::string Get(const std::string &user);
+
+ private:
+  Postfix &postfix_;
+  KOLTUserRealNames users_;
+};
 
 // The mail directory of `user`, by user number: a rename doesn't move mail. 0, or -1.
 QSV_EXPORT int mailDirPathGet(const std::string &user, std::string &path);

@@ -96,8 +96,10 @@ bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
     maillog(3, "%s:%d sqlite3_prepare_v2: [%d] %s\n", QSV_FILE, __LINE__, rc,
             sqlite3_errmsg(db.getDB()));
   } else {
+    // One listing of the system's users for the whole map, not a walk of them per sender.
+    FullUsernames names(postfix);
     while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
-      const std::string name = getFullUsername(postfix, SenderColumn(rows), true);
+      const std::string name = names.Get(SenderColumn(rows));
       fprintf(out, "%s %u\n", name.c_str(), QuotaColumn(rows));
     }
     if (rc != SQLITE_DONE) {

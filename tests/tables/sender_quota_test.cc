@@ -1,11 +1,13 @@
 // Sender quotas in the real main database, spread through a one-node cluster, and the map that
 // Postfix reads, looked up with the real postmap; and what killed writers of the maps leave.
 #include <fcntl.h>
+#include <pwd.h>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <list>
 #include <string>
 #include <vector>
@@ -93,10 +95,22 @@ TEST_F(SenderQuotaTest, MapIsKeyedByTheFullUserName) {
   EXPECT_EQ(qsvtest::PostmapQuery("alice", map), "") << "the stored sender is no key of the map";
   EXPECT_EQ(qsvtest::PostmapQuery("bob@other.example.test", map), "7");
 
-  // A local account is written in its stored spelling.
-  ASSERT_EQ(SenderQuota::Set("quillon-server", 12), 0);
+  // A local account is written in its stored spelling: an exact one wins over one that differs
+  // in case only, else the first user listed; a sender no user has stays, with a log line.
+  if (getpwnam("Pat") == nullptr) {
+    std::ofstream("/etc/passwd", std::ios::app) << "Pat:x:2101:100::/tmp:/bin/false\n"
+                                                 << "pat:x:2102:100::/tmp:/bin/false\n";
+  }
+  ASSERT_EQ(SenderQuota::SetList({{"quillon-server", 12}, {"pat", 13}, {"PAT", 14},
+                                  {"nobody-such", 15}}), 0);
+  qsvtest::SyslogCapture log;
   ASSERT_EQ(SenderQuota::GenerateConfig(), 0);
-  EXPECT_NE(qsvtest::ReadFile(kMap).find("\nQuillon-Server 12\n"), std::string::npos);
+  const std::string text = qsvtest::ReadFile(kMap);
+  for (const char *line :
+       {"\nQuillon-Server 12\n", "\npat 13\n", "\nPat 14\n", "\nnobody-such 15\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+  EXPECT_EQ(log.Matching("KLIBUserRealNameGet fail nobody-such").size(), 1u);
 }
 
 // What writers killed between their mkstemp and their rename left behind goes with the next
