@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,6 +21,7 @@ namespace qsvtest {
 namespace {
 
 const char kNodeScript[] = QSV_HARNESS_DIR "/cluster_node";
+const char kNetworkNodeScript[] = QSV_HARNESS_DIR "/network_node";
 const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
 const char kWatcherPid[] = "/run/quillon_server/key_watcher.pid";
 const char kMirrors[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
@@ -109,13 +111,64 @@ ClusterNodes::ClusterNodes(int count, const std::string &password) {
 
 ClusterNodes::~ClusterNodes() {
   for (size_t i = 0; i < pids_.size(); ++i) StopWatcher(static_cast<int>(i) + 1);
+  KillAll();
+}
+
+void NodeProcesses::KillAll() {
   for (pid_t pid : pids_) {
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
   }
+  pids_.clear();
 }
 
-std::string ClusterNodes::Path(int node, const std::string &path) const {
+NetworkNodes::NetworkNodes(int count) {
+  ownNetwork_ = true;
+  auto run = [](const std::vector<std::string> &args) {
+    int status = 0;
+    if (waitpid(Spawn(args), &status, 0) < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::string line;
+      for (const auto &a : args) line += " " + a;
+      throw std::runtime_error("failed:" + line);
+    }
+  };
+  run({"ip", "link", "add", "qsvbr0", "type", "bridge"});
+  run({"ip", "addr", "add", "10.77.0.254/24", "dev", "qsvbr0"});
+  run({"ip", "link", "set", "qsvbr0", "up"});
+  for (int node = 1; node <= count; ++node) {
+    const pid_t pid = Spawn({"unshare", "--mount", "--net", "--propagation", "private", "--",
+                             kNetworkNodeScript, Address(node)});
+    pids_.push_back(pid);
+    const std::string veth = "qsvveth" + std::to_string(node);
+    const std::string netns = "--net=/proc/" + std::to_string(pid) + "/ns/net";
+    // The node's namespace exists once unshare has run the script.
+    WaitFor("node " + std::to_string(node) + " did not start", [&] {
+      return Slurp("/proc/" + std::to_string(pid) + "/cmdline").find("network_node") !=
+             std::string::npos;
+    });
+    run({"ip", "link", "add", veth, "type", "veth", "peer", "name", "eth0", "netns",
+         std::to_string(pid)});
+    run({"ip", "link", "set", veth, "master", "qsvbr0", "up"});
+    run({"nsenter", netns, "--", "ip", "link", "set", "lo", "up"});
+    run({"nsenter", netns, "--", "ip", "addr", "add", Address(node) + "/24", "dev", "eth0"});
+    run({"nsenter", netns, "--", "ip", "link", "set", "eth0", "up"});
+  }
+  for (int node = 1; node <= count; ++node) {
+    WaitFor("node " + std::to_string(node) + " did not see its address",
+            [&] { return access(Path(node, "/run/network_node.ready").c_str(), F_OK) == 0; });
+  }
+}
+
+NetworkNodes::~NetworkNodes() {
+  for (size_t i = 0; i < pids_.size(); ++i) {
+    Run(static_cast<int>(i) + 1, {kClusterDaemon, "stop"});
+  }
+  KillAll();
+  int status = 0;
+  waitpid(Spawn({"ip", "link", "del", "qsvbr0"}), &status, 0);
+}
+
+std::string NodeProcesses::Path(int node, const std::string &path) const {
   // An absolute link met below /proc/PID/root is resolved against our own root, not the node's:
   // the links of the directories above the last part are followed here, by hand.
   const std::string root = "/proc/" + std::to_string(pids_.at(node - 1)) + "/root";
@@ -145,12 +198,37 @@ std::string ClusterNodes::Path(int node, const std::string &path) const {
   return root + done + "/" + rest;
 }
 
-int ClusterNodes::Run(int node, const std::vector<std::string> &argv) const {
-  std::vector<std::string> args = {
-      "nsenter", "--mount=/proc/" + std::to_string(pids_.at(node - 1)) + "/ns/mnt", "--"};
+int NodeProcesses::Run(int node, const std::vector<std::string> &argv) const {
+  std::string out;
+  return Run(node, argv, out);
+}
+
+int NodeProcesses::Run(int node, const std::vector<std::string> &argv, std::string &out) const {
+  const std::string proc = "/proc/" + std::to_string(pids_.at(node - 1));
+  std::vector<std::string> args = {"nsenter", "--mount=" + proc + "/ns/mnt"};
+  if (ownNetwork_) args.push_back("--net=" + proc + "/ns/net");
+  args.push_back("--");
   args.insert(args.end(), argv.begin(), argv.end());
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
+  std::vector<char *> cargs;
+  for (const auto &a : args) cargs.push_back(const_cast<char *>(a.c_str()));
+  cargs.push_back(nullptr);
+  pid_t pid = -1;
+  const int spawned = posix_spawnp(&pid, cargs[0], &actions, nullptr, cargs.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(pipeFds[1]);
+  out.clear();
+  char piece[4096];
+  ssize_t n;
+  while (spawned == 0 && (n = read(pipeFds[0], piece, sizeof(piece))) > 0) out.append(piece, n);
+  close(pipeFds[0]);
+  while (!out.empty() && out.back() == '\n') out.pop_back();
   int status = 0;
-  if (waitpid(Spawn(args), &status, 0) < 0 || !WIFEXITED(status)) return -1;
+  if (spawned != 0 || waitpid(pid, &status, 0) < 0 || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
 }
 

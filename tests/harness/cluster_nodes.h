@@ -21,28 +21,54 @@
 
 namespace qsvtest {
 
-class ClusterNodes {
+// Node processes, each in namespaces of its own; what both kinds of test cluster share.
+class NodeProcesses {
+ public:
+  NodeProcesses() = default;
+  NodeProcesses(const NodeProcesses &) = delete;
+  NodeProcesses &operator=(const NodeProcesses &) = delete;
+
+  // `path` as node `node` (from 1) sees it, reachable from the test's own namespace.
+  std::string Path(int node, const std::string &path) const;
+  // Runs argv[0] with its arguments inside node `node`'s namespaces; the exit status.
+  int Run(int node, const std::vector<std::string> &argv) const;
+  // The same, with standard output captured (without its final newline).
+  int Run(int node, const std::vector<std::string> &argv, std::string &out) const;
+
+ protected:
+  // Kills the node processes.
+  void KillAll();
+  std::vector<pid_t> pids_;  // [0] is node 1
+  bool ownNetwork_ = false;  // nodes have network namespaces of their own
+};
+
+class ClusterNodes : public NodeProcesses {
  public:
   // Starts the nodes and publishes the cluster's keys from node 1; returns once every node's
   // watcher has mirrored them. Throws std::runtime_error on failure.
   ClusterNodes(int count, const std::string &password);
   ~ClusterNodes();
-  ClusterNodes(const ClusterNodes &) = delete;
-  ClusterNodes &operator=(const ClusterNodes &) = delete;
 
   static std::string Id(int node) { return "mailserver_id-" + std::to_string(node); }
-
-  // `path` as node `node` sees it, reachable from the test's own namespace.
-  std::string Path(int node, const std::string &path) const;
-  // Runs argv[0] with its arguments inside node `node`'s namespace; the exit status.
-  int Run(int node, const std::vector<std::string> &argv) const;
 
   // Stops or starts the node's key watcher (the package's ClusterDaemon.sh starts it).
   void StopWatcher(int node);
   void StartWatcher(int node);
+};
 
- private:
-  std::vector<pid_t> pids_;  // [0] is node 1
+// Fresh machines on a network of their own: node i has the address 10.77.0.i on a veth joined to
+// a bridge in the test's namespace (which has 10.77.0.254), its own loopback, and nothing of a
+// cluster until mailserverctl makes it a node. Each runs its own key store on 8500 once set up.
+//
+//   NetworkNodes nodes(3);
+//   nodes.Run(1, {mailserverctl, "setup", "--address", NetworkNodes::Address(1)});
+class NetworkNodes : public NodeProcesses {
+ public:
+  // Throws std::runtime_error when a node or its network can't be made.
+  explicit NetworkNodes(int count);
+  ~NetworkNodes();
+
+  static std::string Address(int node) { return "10.77.0." + std::to_string(node); }
 };
 
 // A command against the test's key store on 8500, through redis-cli; its output without the

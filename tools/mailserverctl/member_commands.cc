@@ -256,6 +256,29 @@ bool ReadTicket(const std::string &path, Json::Value &ticket, MemberConfig &conf
          std::regex_match(config.storageVolume, std::regex("volume[0-9]{1,3}"));
 }
 
+// A replica's first copy of the store raises no key events, so its watcher has mirrored nothing
+// yet: the lists this node is about to extend are read from the store itself, and the watcher,
+// restarted, catches up on the rest.
+bool CatchUp(KOLTMailNodeCluster &node) {
+  for (const char *key : {"cluster_peers", "consul_peers", "mailer", "storager", "balancer",
+                          "mailer_weight_list", "balancer_master_node"}) {
+    std::string value;
+    if (node.exist(key) && (!node.getKey(key, value, true) || mailConfMirror(key, value, false) < 0)) {
+      return false;
+    }
+  }
+  return node.watchRestart(true);
+}
+
+// The map went into this node's mirrors at setup, so writing it again would publish nothing: its
+// entries are set in the store directly, which wakes every other node.
+bool PublishMap(KOLTMailNodeCluster &node, const std::map<std::string, std::string> &idIpMap) {
+  for (const auto &entry : idIpMap) {
+    if (!node.setKey(entry.first, entry.second, 0)) return false;
+  }
+  return true;
+}
+
 int Join(const std::string &path) {
   Json::Value ticket;
   MemberConfig config;
@@ -287,7 +310,7 @@ int Join(const std::string &path) {
   role.balancer = config.balancer;
   bool configDone = false;
   const bool ok = joined.start(nodeIps) && joined.waitClusterHealth(10) &&
-                  joined.localIdIpMapUpdate(idIpMap, config.id, true) &&
+                  CatchUp(joined) && PublishMap(joined, idIpMap) &&
                   (configDone = joined.addRemoveNodeConfig(config, true));
   if (!ok) {
     joined.memberAddRestore(idIpMap, config.id, role, configDone, config);

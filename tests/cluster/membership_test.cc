@@ -1,0 +1,202 @@
+// Membership on three fresh machines with networks of their own: a one-node cluster grows to
+// three through member add and join, each new node's key store a replica of the master's; the
+// nodes agree on versions; a setting written on a replica reaches every mirror; removals are
+// refused where they must be, and the removal of the master moves the key store's master role.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "harness/cluster_nodes.h"
+#include "harness/recording_script.h"
+#include "harness/syslog_capture.h"
+
+namespace qsvtest {
+namespace {
+
+const char kEtc[] = "/var/packages/Quillon-Server/etc/";
+const char kMirrors[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
+
+std::string Ctl() { return std::string(getenv("QSV_BUILD_DIR")) + "/tools/mailserverctl"; }
+
+int CountLines(const std::string &text, const std::string &prefix) {
+  int count = 0;
+  size_t at = 0;
+  while ((at = text.find("\n" + prefix, at)) != std::string::npos) {
+    ++count;
+    ++at;
+  }
+  return count;
+}
+
+class Membership {
+ public:
+  explicit Membership(NetworkNodes &nodes) : nodes_(nodes) {}
+
+  // A command of node `node`'s mailserverctl; its standard output.
+  std::string Ctl(int node, const std::vector<std::string> &args, int expected = 0) {
+    std::vector<std::string> argv = {qsvtest::Ctl()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string out;
+    EXPECT_EQ(nodes_.Run(node, argv, out), expected) << args[0] << " on node " << node << ": "
+                                                     << out;
+    return out;
+  }
+
+  // The key store of node `node`, asked over the network from the test's namespace.
+  std::string Redis(int node, const std::vector<std::string> &args) {
+    const std::string password = ReadJsonPassword(node);
+    std::vector<std::string> argv = {"env", "REDISCLI_AUTH=" + password, "redis-cli", "-h",
+                                     NetworkNodes::Address(node), "-p", "8500"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::string out;
+    nodes_.Run(node, argv, out);
+    return out;
+  }
+
+  std::string Role(int node) {
+    const std::string info = Redis(node, {"info", "replication"});
+    const size_t at = info.find("role:");
+    return at == std::string::npos ? "" : info.substr(at + 5, info.find('\r', at) - at - 5);
+  }
+
+  std::string Id(int node) {
+    const std::string text = ReadFile(nodes_.Path(node, std::string(kMirrors) + "local_id_file"));
+    const size_t at = text.find("mailserver_id-");
+    return at == std::string::npos ? "" : text.substr(at, text.find('"', at) - at);
+  }
+
+  // What the services' own daemons do once they have taken up a change: lower their sync flags.
+  // No proxy runs in this sandbox to lower its flags, so the test does it on the store's master.
+  void ServicesApplied(int master) {
+    std::string keys = Redis(master, {"--scan", "--pattern", "service_change/*"});
+    std::vector<std::string> del = {"del"};
+    for (size_t at = 0; at < keys.size();) {
+      size_t end = keys.find('\n', at);
+      if (end == std::string::npos) end = keys.size();
+      if (end > at) del.push_back(keys.substr(at, end - at));
+      at = end + 1;
+    }
+    if (del.size() > 1) Redis(master, del);
+  }
+
+  void Join(int node, const std::vector<std::string> &options) {
+    ServicesApplied(1);
+    std::vector<std::string> add = {"member", "add", "--address", NetworkNodes::Address(node),
+                                    "--ticket", "/tmp/ticket-" + std::to_string(node)};
+    add.insert(add.end(), options.begin(), options.end());
+    Ctl(1, add);
+    Ctl(node, {"member", "join", "--ticket", "/tmp/ticket-" + std::to_string(node)});
+  }
+
+ private:
+  std::string ReadJsonPassword(int node) {
+    const std::string text = ReadFile(nodes_.Path(node, std::string(kEtc) + "backend.conf"));
+    const size_t at = text.find("\"password\":\"");
+    return at == std::string::npos ? "" : text.substr(at + 12, text.find('"', at + 12) - at - 12);
+  }
+
+  NetworkNodes &nodes_;
+};
+
+TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
+  NetworkNodes nodes(3);
+  Membership cluster(nodes);
+  SyslogCapture log;
+  cluster.Ctl(1, {"setup", "--address", NetworkNodes::Address(1)});
+  cluster.Join(2, {});
+  cluster.Join(3, {"--roles", "mailer", "--weight", "0"});
+  const std::string id1 = cluster.Id(1), id2 = cluster.Id(2), id3 = cluster.Id(3);
+  ASSERT_FALSE(id1.empty() || id2.empty() || id3.empty());
+
+  // One replica line on each node that joined, none on the master; Redis agrees.
+  const std::string conf1 = ReadFile(nodes.Path(1, std::string(kEtc) + "redis/redis.conf"));
+  EXPECT_EQ(CountLines(conf1, "slaveof "), 0);
+  for (int node : {2, 3}) {
+    const std::string conf = ReadFile(nodes.Path(node, std::string(kEtc) + "redis/redis.conf"));
+    EXPECT_EQ(CountLines(conf, "slaveof "), 1) << node;
+    EXPECT_NE(conf.find("\nslaveof 10.77.0.1 8500\n"), std::string::npos) << node;
+    EXPECT_EQ(cluster.Role(node), "slave") << node;
+  }
+  EXPECT_EQ(cluster.Role(1), "master");
+  for (int node : {1, 2, 3}) {
+    EXPECT_NE(cluster.Ctl(node, {"cluster", "status"}).find("healthy:         yes"),
+              std::string::npos)
+        << node;
+  }
+
+  // Roles sorted in byte order, a weight of 0 written as 1, the joined node's address mapped.
+  std::vector<std::string> ids = {id1, id2, id3};
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "mailer"}), ids[0] + " " + ids[1] + " " + ids[2]);
+  EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "balancer"}),
+            std::min(id1, id2) + " " + std::max(id1, id2));
+  EXPECT_NE(cluster.Ctl(2, {"conf", "get", "mailer_weight_list"}).find(id3 + ":1"),
+            std::string::npos);
+  EXPECT_NE(ReadFile(nodes.Path(2, std::string(kMirrors) + "mapping_table")).find("10.77.0.3"),
+            std::string::npos);
+  // An address that is already a member's can't join again, and nothing changes.
+  cluster.ServicesApplied(1);
+  cluster.Ctl(1, {"member", "check", "--address", NetworkNodes::Address(2)}, 1);
+  EXPECT_FALSE(log.Matching("The ip [10.77.0.2] is confict").empty());
+  EXPECT_EQ(cluster.Ctl(1, {"conf", "get", "cluster_peers"}), id1 + " " + id2 + " " + id3);
+
+  // Versions: different until the last node has published, then the same everywhere.
+  EXPECT_EQ(cluster.Ctl(1, {"version", "check"}), "different");
+  EXPECT_EQ(cluster.Ctl(2, {"version", "check"}), "different");
+  EXPECT_EQ(cluster.Ctl(3, {"version", "check"}), "same");
+  EXPECT_EQ(cluster.Ctl(1, {"version", "check"}), "same");
+
+  // A setting written on a replica goes to the master and comes back to every mirror.
+  cluster.Ctl(2, {"conf", "set", "smtp_banner_text", "written on node 2"});
+  EXPECT_EQ(cluster.Redis(1, {"get", "mailserver/conf/smtp_banner_text"}), "written on node 2");
+  bool mirrored = false;
+  for (int i = 0; i < 200 && !mirrored; ++i) {
+    mirrored = ReadFile(nodes.Path(3, std::string(kMirrors) + "smtp_banner_text"))
+                   .find("written on node 2") != std::string::npos;
+    if (!mirrored) usleep(50000);
+  }
+  EXPECT_TRUE(mirrored);
+
+  // Refusals that change nothing: removing oneself; removing while a service sync is pending on
+  // a healthy cluster (error code 9).
+  cluster.Ctl(1, {"member", "del", id1}, 1);
+  EXPECT_FALSE(log.Matching("it cannot remove itself").empty());
+  cluster.Redis(1, {"set", "service_change/mailserver_service_postfix-" + id2, "1"});
+  cluster.Ctl(1, {"member", "del", id3}, 1);
+  EXPECT_FALSE(log.Matching("cluster is changing").empty());
+  cluster.Redis(1, {"del", "service_change/mailserver_service_postfix-" + id2});
+  EXPECT_EQ(cluster.Ctl(1, {"conf", "get", "cluster_peers"}), id1 + " " + id2 + " " + id3);
+
+  cluster.ServicesApplied(1);
+  // Node 2 removes node 1, the master: it takes the master role, node 3 follows it, the cluster
+  // is healthy again, and node 1's keys and mapping entry are gone.
+  cluster.Ctl(2, {"member", "del", id1});
+  EXPECT_EQ(cluster.Role(2), "master");
+  EXPECT_EQ(cluster.Role(3), "slave");
+  EXPECT_NE(cluster.Redis(3, {"info", "replication"}).find("master_host:10.77.0.2"),
+            std::string::npos);
+  for (int node : {2, 3}) {
+    EXPECT_NE(cluster.Ctl(node, {"cluster", "status"}).find("healthy:         yes"),
+              std::string::npos)
+        << node;
+  }
+  EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "cluster_peers"}), id2 + " " + id3);
+  EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "balancer_master_node"}), id2);
+  EXPECT_EQ(cluster.Redis(3, {"exists", "mailserver/cluster/node_ip_list-" + id1}), "0");
+  EXPECT_EQ(ReadFile(nodes.Path(2, std::string(kMirrors) + "mapping_table")).find(id1),
+            std::string::npos);
+
+  // Node 2 is now the only storager and balancer: its removal is refused, naming the role.
+  cluster.ServicesApplied(2);
+  cluster.Ctl(3, {"member", "del", id2}, 1);
+  EXPECT_FALSE(log.Matching("cause role storager less than 1").empty());
+  EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "cluster_peers"}), id2 + " " + id3);
+}
+
+}  // namespace
+}  // namespace qsvtest
