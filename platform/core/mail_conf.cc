@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <memory>
+#include <unordered_map>
 
 #include "core/key_tree_store.h"
 #include "kolt/file.h"
@@ -57,7 +58,14 @@ bool ReadWhole(const std::string &path, std::string &text) {
   if (fd < 0) return false;
   char buffer[4096];
   ssize_t n;
-  while ((n = read(fd, buffer, sizeof(buffer))) > 0) text.append(buffer, static_cast<size_t>(n));
+  while ((n = read(fd, buffer, sizeof(buffer))) > 0) {
+    text.append(buffer, static_cast<size_t>(n));
+    // A regular file reads short only at its end: no second call to be told so.
+    if (static_cast<size_t>(n) < sizeof(buffer)) {
+      n = 0;
+      break;
+    }
+  }
   const int saved = errno;
   close(fd);
   errno = saved;
@@ -81,13 +89,35 @@ int loadMailJsonFromFile(const std::string &fileName, Json::Value &json, const s
   return 0;
 }
 
+namespace {
+
+struct KeyNames {
+  std::string path;      // of the key's mirror file
+  std::string complete;  // the member's name in it
+};
+
+// What the key tree says of a key costs more than reading its file, and never changes: it is kept
+// per thread, for a bounded number of keys, since some keys carry a node id or a domain number.
+const KeyNames &NamesOf(const std::string &key) {
+  thread_local std::unordered_map<std::string, KeyNames> known;
+  const auto found = known.find(key);
+  if (found != known.end()) return found->second;
+  if (known.size() >= 4096) known.clear();
+  KeyNames names{kMailConfDir + toLeagalFileName(key),
+                 KeyTreeStore::instance()->keyComplete(key)};
+  return known.emplace(key, std::move(names)).first->second;
+}
+
+}  // namespace
+
 int mailConfGet(const std::string &key, std::string &value) {
   value.clear();
+  const KeyNames &names = NamesOf(key);
   std::string text;
-  if (!ReadWhole(kMailConfDir + toLeagalFileName(key), text)) return errno == ENOENT ? 0 : -1;
+  if (!ReadWhole(names.path, text)) return errno == ENOENT ? 0 : -1;
   Json::Value json;
   if (!ParseJson(text, json) || !json.isObject()) return -1;
-  const std::string name = KeyTreeStore::instance()->keyComplete(key);
+  const std::string &name = names.complete;
   const Json::Value *member = json.find(name.data(), name.data() + name.size());
   if (member != nullptr && member->isConvertibleTo(Json::stringValue)) value = member->asString();
   return 0;
