@@ -84,8 +84,11 @@ bool SafeDir(const std::string &dir) {
     if (at < dir.size() && dir[at] != '/') continue;
     path = dir.substr(0, at);
     if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
+    // A link is followed only when root made it (Debian's /var/spool/mail is one): its
+    // folder is checked below, so nobody else could have put it there or can change it.
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
+    if (lstat(path.c_str(), &st) != 0 || (S_ISLNK(st.st_mode) && st.st_uid != 0) ||
+        stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
         (st.st_mode & 022) != 0) {
       return false;
     }

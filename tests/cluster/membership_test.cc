@@ -4,6 +4,8 @@
 // refused where they must be, and the removal of the master moves the key store's master role.
 #include <gtest/gtest.h>
 
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -161,6 +163,21 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
     if (!mirrored) usleep(50000);
   }
   EXPECT_TRUE(mirrored);
+
+  // The spam databases this node learnt reach a new member through its request service, owned
+  // as the filter there needs them.
+  mkdir("/volume1/Quillon", 0755);
+  mkdir("/volume1/Quillon/spamassassin", 0755);
+  for (const char *name : {"bayes_toks", "bayes_seen", "tx-reputation"}) {
+    WriteFile("/volume1/Quillon/spamassassin/" + std::string(name), std::string(name) + " data");
+  }
+  cluster.Ctl(1, {"member", "sync-spam", NetworkNodes::Address(2)});
+  struct stat st;
+  const std::string received = nodes.Path(2, "/var/spool/mail/spamassassin/bayes_toks");
+  EXPECT_EQ(ReadFile(received), "bayes_toks data");
+  ASSERT_EQ(stat(received.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0640u);
+  EXPECT_EQ(st.st_uid, getpwnam("postfix")->pw_uid);
 
   // Refusals that change nothing: removing oneself; removing while a service sync is pending on
   // a healthy cluster (error code 9).

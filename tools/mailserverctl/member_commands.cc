@@ -45,6 +45,7 @@ int MemberUsage() {
           "       mailserverctl member del ID\n"
           "       mailserverctl member list\n"
           "       mailserverctl member check --address IP | --remove ID\n"
+          "       mailserverctl member sync-spam IP\n"
           "  (LIST: mailer,storager,balancer; all three by default)\n");
   return 2;
 }
@@ -401,6 +402,14 @@ int MemberCommand(const std::vector<std::string> &args) {
   if (args[0] == "del" && rest.size() == 1) return Del(rest[0]);
   if (args[0] == "list" && rest.empty()) return List();
   if (args[0] == "check") return Check(rest);
+  if (args[0] == "sync-spam" && rest.size() == 1 && IsAddress(rest[0])) {
+    KOLTMailNodeCluster node;
+    if (!node.syncSpamConfig(rest[0], "", "", "", 0)) {
+      return Error("the spam databases did not reach " + rest[0] + " (see the system log)");
+    }
+    printf("spam databases sent to %s\n", rest[0].c_str());
+    return 0;
+  }
   return MemberUsage();
 }
 
