@@ -176,19 +176,10 @@ bool KOLTMailNodeCluster::genBackendConf(const std::string &password) {
   if (!PackageIds(uid, gid) || !IsPlainPassword(password)) return false;
   Json::Value conf(Json::objectValue);
   conf["password"] = password;
-  const std::string text = Json::FastWriter().write(conf);
-  std::string tmp;
-  const int fd = mkTemporaryBeside(kBackendConf, tmp);
-  if (fd < 0) return false;
-  // Only root and the package user may read the cluster's password: mkstemp's 0600 stays.
-  const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-                       fsync(fd) == 0 && fchown(fd, uid, gid) == 0 && fchmod(fd, 0600) == 0;
-  close(fd);
-  if (!written || rename(tmp.c_str(), kBackendConf) != 0) {
-    unlink(tmp.c_str());
-    return false;
-  }
-  return true;
+  // Only root and the package user may read the cluster's password: it is never in the file
+  // with a wider mode, and the owner follows once it is in place.
+  return WriteWholeFile(kBackendConf, Json::FastWriter().write(conf), 0600) == 0 &&
+         chown(kBackendConf, uid, gid) == 0;
 }
 
 bool KOLTMailNodeCluster::setupBackendEnv(const std::vector<std::string> &masterIps,

@@ -195,7 +195,7 @@ int ReadBoundedLine(FILE *in, std::string &line, size_t limit) {
   return line.empty() ? 0 : 1;
 }
 
-int WriteWholeFile(const std::string &path, const std::string &text) {
+int WriteWholeFile(const std::string &path, const std::string &text, mode_t mode) {
   if (path.empty() || path[0] != '/') {
     errno = EINVAL;
     return -1;
@@ -203,6 +203,13 @@ int WriteWholeFile(const std::string &path, const std::string &text) {
   std::string tmp;
   const int fd = mkTemporaryBeside(path, tmp);
   if (fd < 0) return -1;
+  if (mode != 0644 && fchmod(fd, mode) != 0) {
+    const int saved = errno;
+    unlink(tmp.c_str());
+    close(fd);
+    errno = saved;
+    return -1;
+  }
   size_t done = 0;
   while (done < text.size()) {
     const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
@@ -210,7 +217,11 @@ int WriteWholeFile(const std::string &path, const std::string &text) {
     if (wrote <= 0) break;
     done += static_cast<size_t>(wrote);
   }
-  int rc = done == text.size() && fsync(fd) == 0 ? renameTmpFileAndChmod(tmp.c_str(), path.c_str()) : -1;
+  int rc = -1;
+  if (done == text.size() && fsync(fd) == 0) {
+    rc = mode == 0644 ? renameTmpFileAndChmod(tmp.c_str(), path.c_str())
+                      : rename(tmp.c_str(), path.c_str());
+  }
   const int saved = errno;
   if (rc != 0) unlink(tmp.c_str());
   // The lock of the temporary is held until it is in place.

@@ -4,6 +4,8 @@
 #ifndef MAILSERVER_FOUNDATION_FILES_H_
 #define MAILSERVER_FOUNDATION_FILES_H_
 
+#include <sys/types.h>
+
 #include <cstdio>
 #include <string>
 
@@ -45,8 +47,9 @@ int removeStaleTemporaries(const std::string &target);
 
 // Replaces `path` whole with `text`: a temporary beside it, written, flushed to disk, mode 0644,
 // renamed into place, so that a reader sees the old file or the new one, never a part. 0, or -1
-// with errno set (EINVAL for a relative path) and `path` as it was.
-int WriteWholeFile(const std::string &path, const std::string &text);
+// with errno set (EINVAL for a relative path) and `path` as it was. A file that holds a secret
+// passes its narrower `mode`, which the temporary has before it gets the content.
+int WriteWholeFile(const std::string &path, const std::string &text, mode_t mode = 0644);
 
 // Opens `path` for reading if it is a regular file, close-on-exec: a FIFO would block an import, a
 // device could feed it without end, and a directory reads as nothing, which looks like success.

@@ -211,11 +211,7 @@ int Add(const std::vector<std::string> &args) {
   json["ca_key"] = ReadFile(std::string(kCaDir) + "ca.key");
   json["ca_crt"] = ReadFile(std::string(kCaDir) + "ca.crt");
   json["member"] = ConfigJson(config);
-  const mode_t old = umask(077);
-  const bool written = WriteWholeFile(ticket, Json::StyledWriter().write(json)) == 0 &&
-                       chmod(ticket.c_str(), 0600) == 0;
-  umask(old);
-  if (!written) return Error("cannot write the ticket " + Quoted(ticket));
+  if (WriteWholeFile(ticket, Json::StyledWriter().write(json), 0600) != 0) return Error("cannot write the ticket " + Quoted(ticket));
   printf("%s at %s may join: run `mailserverctl member join --ticket FILE` on it\n", id.c_str(),
          address.c_str());
   return 0;
@@ -290,11 +286,10 @@ int Join(const std::string &path) {
   char hostname[256] = {0};
   config.hostname = gethostname(hostname, sizeof(hostname) - 1) == 0 ? hostname : "localhost";
   mkdir(kJoinDir, 0700);
-  const mode_t old = umask(077);
+  // The staging folder may have been left by someone else: the key goes in private either way.
   const bool staged =
-      WriteWholeFile(std::string(kJoinDir) + "ca.key", ticket["ca_key"].asString()) == 0 &&
+      WriteWholeFile(std::string(kJoinDir) + "ca.key", ticket["ca_key"].asString(), 0600) == 0 &&
       WriteWholeFile(std::string(kJoinDir) + "ca.crt", ticket["ca_crt"].asString()) == 0;
-  umask(old);
   KOLTMailNodeCluster node;
   std::vector<std::string> own;
   node.getNodeIPList(own);
