@@ -141,10 +141,17 @@ NetworkNodes::NetworkNodes(int count) {
     pids_.push_back(pid);
     const std::string veth = "qsvveth" + std::to_string(node);
     const std::string netns = "--net=/proc/" + std::to_string(pid) + "/ns/net";
-    // The node's namespace exists once unshare has run the script.
+    // The veth must go into the node's own namespace, not into ours before unshare made it.
+    auto netnsOf = [](const std::string &proc) {
+      char target[256] = {0};
+      return readlink((proc + "/ns/net").c_str(), target, sizeof(target) - 1) > 0
+                 ? std::string(target)
+                 : std::string();
+    };
+    const std::string ours = netnsOf("/proc/self");
     WaitFor("node " + std::to_string(node) + " did not start", [&] {
-      return Slurp("/proc/" + std::to_string(pid) + "/cmdline").find("network_node") !=
-             std::string::npos;
+      const std::string theirs = netnsOf("/proc/" + std::to_string(pid));
+      return !theirs.empty() && theirs != ours;
     });
     run({"ip", "link", "add", veth, "type", "veth", "peer", "name", "eth0", "netns",
          std::to_string(pid)});
