@@ -188,11 +188,12 @@ def connectivity_test(conf, run):
 
 
 def password_of(conf, section):
-    import importlib.util
-    spec = importlib.util.spec_from_file_location("kolt_offlineimap",
+    import importlib.machinery
+    import types
+    loader = importlib.machinery.SourceFileLoader("kolt_offlineimap",
                                                   os.path.join(HERE, "kolt_offlineimap.py"))
-    helpers = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(helpers)
+    helpers = types.ModuleType(loader.name)
+    loader.exec_module(helpers)
     kolt_password = helpers.kolt_password
     text = conf.get(section, "remotepasseval")
     prefix, suffix = 'kolt_password("', '")'
