@@ -83,10 +83,10 @@ bool StartsWith(const std::string &text, const std::string &start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
-class ImapPop3Test : public testing::Test {
+class ImapPop3Test : public qsvtest::OneNodeClusterTest {
  protected:
   static void SetUpTestSuite() {
-    cluster_ = new qsvtest::OneNodeCluster();
+    OneNodeClusterTest::SetUpTestSuite();
     // A user of the system, with a password of the system and the mail directory the suite
     // makes for each user.
     ASSERT_EQ(qsvtest::RunProgram("/usr/sbin/useradd", "-M", kUser), 0);
@@ -95,10 +95,6 @@ class ImapPop3Test : public testing::Test {
     fprintf(chpasswd, "%s:%s\n", kUser, kPassword);
     ASSERT_EQ(KLIBCPclose(chpasswd), 0);
     ASSERT_EQ(mailDirPathCreate(qsvtest::UidOf(kUser), qsvtest::GidOf(kUser)), 0);
-  }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
   }
   void TearDown() override { ImapPop3::Service("stop"); }
 
@@ -116,10 +112,7 @@ class ImapPop3Test : public testing::Test {
     settings.Set("max_userip_conn", boost::any(Value<int>(maxConn)));
     ASSERT_EQ(settings.SaveSettings({}), 0);
   }
-
-  static qsvtest::OneNodeCluster *cluster_;
 };
-qsvtest::OneNodeCluster *ImapPop3Test::cluster_ = nullptr;
 
 int FailingStep(const std::string &) { return -1; }
 

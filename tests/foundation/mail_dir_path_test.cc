@@ -7,22 +7,16 @@
 
 #include <gtest/gtest.h>
 
-#include "core/key_tree_store.h"
-#include "core/mail_conf.h"
 #include "foundation/account_db_paths.h"
 #include "foundation/mail_dir_path.h"
+#include "harness/key_file.h"
 #include "harness/recording_script.h"
 #include "harness/run_as.h"
 #include "harness/syslog_capture.h"
 
 namespace {
 
-using KOLT::QUILLON_SERVER::KeyTreeStore;
-
-void PutKeyFile(const std::string &key, const std::string &value) {
-  qsvtest::WriteFile(std::string(kMailConfDir) + toLeagalFileName(key),
-                     "{\"" + KeyTreeStore::instance()->keyComplete(key) + "\":\"" + value + "\"}\n");
-}
+using qsvtest::PutKeyFile;
 
 class MailDirTest : public testing::Test {
  protected:

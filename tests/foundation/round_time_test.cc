@@ -47,14 +47,11 @@ TEST_F(RoundTimeTest, HourRoundsInUtcAndDayToLocalMidnightOnClockChanges) {
   EXPECT_EQ(getRoundTime(1749982620, COUNT_INTERVAL_HOUR), 1749981600);
 }
 
-TEST_F(RoundTimeTest, WeekStartsAtSundayMidnight) {
+TEST_F(RoundTimeTest, WeekStartsAtSundayMidnightAlsoAcrossAClockChange) {
   EXPECT_EQ(getRoundTime(kSun0615_184510, COUNT_INTERVAL_WEEK), kSun0615_0000);
   EXPECT_EQ(getRoundTime(kSun0615_0000, COUNT_INTERVAL_WEEK), kSun0615_0000);
   EXPECT_EQ(getRoundTime(kSun0615_0000 - 1, COUNT_INTERVAL_WEEK), kSun0615_0000 - 7 * 86400);
-}
-
-TEST_F(RoundTimeTest, AWeekAcrossAClockChangeKeepsOneStart) {
-  // Sunday 01:30 before the change, Wednesday 10:00 and Saturday 23:59:59 after it.
+  // Across a clock change a week keeps one start. Sunday 01:30 before the change, Wednesday 10:00 and Saturday 23:59:59 after it.
   for (long t : {1743294600L, 1743580800L, 1743890399L}) {
     EXPECT_EQ(getRoundTime(t, COUNT_INTERVAL_WEEK), kSun0330_0000) << t;
   }

@@ -9,22 +9,19 @@
 #include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "foundation/service_alive.h"
+#include "harness/key_file.h"
 #include "harness/recording_script.h"
 #include "harness/syslog_capture.h"
 
 namespace {
 
 using KOLT::QUILLON_SERVER::KeyTreeStore;
+using qsvtest::PutKeyFile;
 
 const char kStatusFile[] = "/tmp/quillon_server/service_status/mailserver_service_balancer";
 
 std::string Member(const std::string &key, const std::string &value) {
   return "\"" + KeyTreeStore::instance()->keyComplete(key) + "\":\"" + value + "\"";
-}
-
-void PutKeyFile(const std::string &key, const std::string &value) {
-  qsvtest::WriteFile(std::string(kMailConfDir) + toLeagalFileName(key),
-                     "{" + Member(key, value) + "}\n");
 }
 
 class ServiceAliveTest : public testing::Test {

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
 namespace qsvtest {
 
 class OneNodeCluster {
@@ -22,6 +24,17 @@ class OneNodeCluster {
  private:
   std::string hostId_;
   std::string password_;
+};
+
+// Suites that share one cluster: it comes up before a suite's first test and goes after its last.
+class OneNodeClusterTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { cluster_ = new OneNodeCluster(); }
+  static void TearDownTestSuite() {
+    delete cluster_;
+    cluster_ = nullptr;
+  }
+  static inline OneNodeCluster *cluster_ = nullptr;
 };
 
 // Runs a program of the package or the build with its arguments and returns its exit status.
