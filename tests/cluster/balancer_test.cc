@@ -26,14 +26,8 @@ std::string Stored(const std::string &key) {
   return value;
 }
 
-class BalancerTest : public testing::Test {
+class BalancerTest : public qsvtest::OneNodeClusterTest {
  protected:
-  static void SetUpTestSuite() { cluster_ = new qsvtest::OneNodeCluster(); }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
-  }
-
   void SetUp() override {
     self_ = cluster_->hostId();
     // Three balancers: a (this node), b and c, in the sorted order the membership keeps.
@@ -56,10 +50,8 @@ class BalancerTest : public testing::Test {
     qsvtest::WriteFile(std::string(kStatusDir) + "mailserver_service_balancer", json);
   }
 
-  static qsvtest::OneNodeCluster *cluster_;
   std::string self_, a_, b_, c_;
 };
-qsvtest::OneNodeCluster *BalancerTest::cluster_ = nullptr;
 
 TEST_F(BalancerTest, TheFirstLiveBalancerOfTheListIsMaster) {
   WriteStatus("{\"" + a_ + "\":\"2\",\"" + b_ + "\":\"0\",\"" + c_ + "\":\"0\"}");

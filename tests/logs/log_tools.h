@@ -1,5 +1,6 @@
-// What the log tool tests share: the tools of the build under test run as programs, a folder of
-// their own for each test, a fixed time zone, and the written rows read back with plain SQLite.
+// What the log tests share: the tools of the build under test run as programs, a folder of
+// their own for each test, a fixed time zone, the written rows read back with plain SQLite, and
+// the local domains as the store's mirror holds them.
 //
 // REQUIRES: the sandbox (it sets QSV_BUILD_DIR).
 #ifndef MAILSERVER_TESTS_LOGS_LOG_TOOLS_H_
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "companions/program_run.h"
+#include "harness/key_file.h"
 
 namespace qsvtest {
 
@@ -52,6 +54,42 @@ inline std::string Query(const std::string &path, const std::string &sql) {
   sqlite3_finalize(statement);
   sqlite3_close(db);
   return text;
+}
+
+// The first number `sql` gives on the file at `path`; -1 when it fails.
+inline long long QueryNumber(const std::string &path, const std::string &sql) {
+  const std::string text = Query(path, sql);
+  return text.rfind("error: ", 0) == 0 ? -1 : atoll(text.c_str());
+}
+
+// Runs `sql` on the file at `path` with a connection of the test's own.
+inline void Exec(const std::string &path, const std::string &sql) {
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  char *message = nullptr;
+  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message), SQLITE_OK)
+      << (message != nullptr ? message : "") << ": " << sql;
+  sqlite3_free(message);
+  sqlite3_close(db);
+}
+
+// The traffic generator of the build with these arguments, its output dropped; its exit status.
+inline int GenerateLogs(const std::string &args) {
+  return system(
+      (std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen " + args + " >/dev/null").c_str());
+}
+
+// The local domains the queries and the job read.
+inline void SetLocalDomains(const std::string &value) {
+  PutKeyFile("virtual_multiple_domain", value);
+}
+
+// A local day and hour in the zone the test set.
+inline long LocalTime(int year, int month, int day, int hour = 0) {
+  struct tm tm = {};
+  tm.tm_year = year - 1900, tm.tm_mon = month - 1, tm.tm_mday = day, tm.tm_hour = hour;
+  tm.tm_isdst = -1;
+  return static_cast<long>(mktime(&tm));
 }
 
 inline time_t Utc(int year, int month, int day, int hour, int minute, int second) {

@@ -14,13 +14,13 @@
 
 #include <gtest/gtest.h>
 
-#include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "logs/log_db.h"
 #include "logs/log_db_export.h"
 #include "logs/maillog.h"
+#include "logs/log_tools.h"
 #include "logs/securityLog.h"
 
 namespace {
@@ -29,52 +29,17 @@ using mail_log::MailLog;
 using mail_log::MailLogFilter;
 using mail_log::MailLogInfo;
 using security_log::SecurityLog;
+using qsvtest::Exec;
+using qsvtest::GenerateLogs;
+using qsvtest::QueryNumber;
+using qsvtest::SetLocalDomains;
 
 const std::string kLive = mail_log::kMailLogDBPath;
 const std::string kArchive = mail_log::kMailLogArchivePath;
 const std::string kSecurityLive = security_log::kSecurityLogDBPath;
 
-// The generator of the build with these arguments; its exit status.
-int Generate(const std::string &args) {
-  const std::string command =
-      std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen " + args + " >/dev/null";
-  return system(command.c_str());
-}
-
 void Remove(const std::string &path) {
   for (const char *suffix : {"", "-journal", "-wal"}) unlink((path + suffix).c_str());
-}
-
-// A count by a statement of the test's own on one file.
-long long RawCount(const std::string &path, const std::string &sql) {
-  sqlite3 *db = nullptr;
-  long long count = -1;
-  if (sqlite3_open(path.c_str(), &db) == SQLITE_OK) {
-    sqlite3_stmt *query = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &query, nullptr) == SQLITE_OK &&
-        sqlite3_step(query) == SQLITE_ROW) {
-      count = sqlite3_column_int64(query, 0);
-    }
-    sqlite3_finalize(query);
-  }
-  sqlite3_close(db);
-  return count;
-}
-
-void RawExec(const std::string &path, const std::string &sql) {
-  sqlite3 *db = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK) << sql;
-  sqlite3_close(db);
-}
-
-// The local domains the status-5 filter reads, as the store's mirror file holds them.
-void SetLocalDomains(const std::string &value) {
-  const std::string key = "virtual_multiple_domain";
-  mkdir(kMailConfDir, 0755);
-  std::ofstream(std::string(kMailConfDir) + toLeagalFileName(key))
-      << "{\"" << KOLT::QUILLON_SERVER::KeyTreeStore::instance()->keyComplete(key) << "\":\""
-      << value << "\"}\n";
 }
 
 // What `write` prints on standard output.
@@ -120,7 +85,7 @@ class MailLogTest : public testing::Test {
 };
 
 TEST_F(MailLogTest, TheArchiveJoinsOnlyTheLiveFileAndPagesRunInOneDateOrder) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --from 2026-10-01 --days 30 --rows 300 --seed 1 "
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --from 2026-10-01 --days 30 --rows 300 --seed 1 "
                      "--domains example.com"),
             0);
   {
@@ -134,7 +99,7 @@ TEST_F(MailLogTest, TheArchiveJoinsOnlyTheLiveFileAndPagesRunInOneDateOrder) {
               "SELECT * FROM main.mail_log_table ORDER BY date asc LIMIT 10 OFFSET 0;");
   }
   // The archive holds the month before; a rotation wrote it with the double slash.
-  ASSERT_EQ(Generate("--mail-db " + kArchive + " --from 2026-09-01 --days 30 --rows 200 --seed 2 "
+  ASSERT_EQ(GenerateLogs("--mail-db " + kArchive + " --from 2026-09-01 --days 30 --rows 200 --seed 2 "
                      "--domains example.com"),
             0);
   MailLog log(kLive);
@@ -158,7 +123,7 @@ TEST_F(MailLogTest, TheArchiveJoinsOnlyTheLiveFileAndPagesRunInOneDateOrder) {
 
   // Another file than the live one never sees the archive.
   Remove("/tmp/other_mail_log.db");
-  ASSERT_EQ(Generate("--mail-db /tmp/other_mail_log.db --rows 7 --seed 3"), 0);
+  ASSERT_EQ(GenerateLogs("--mail-db /tmp/other_mail_log.db --rows 7 --seed 3"), 0);
   MailLog other("/tmp/other_mail_log.db");
   EXPECT_EQ(other.attachAllDBs(), 0);
   EXPECT_EQ(other.getLogNum(), 7);
@@ -170,8 +135,8 @@ TEST_F(MailLogTest, TheArchiveJoinsOnlyTheLiveFileAndPagesRunInOneDateOrder) {
 }
 
 TEST_F(MailLogTest, AnArchiveOfTheOlderLayoutFailsOnlyTheQueriesThatNeedItsMissingColumns) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --rows 50 --seed 4 --domains example.com"), 0);
-  ASSERT_EQ(Generate("--mail-db " + kArchive + " --rows 40 --seed 5 --old-layout"), 0);
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --rows 50 --seed 4 --domains example.com"), 0);
+  ASSERT_EQ(GenerateLogs("--mail-db " + kArchive + " --rows 40 --seed 5 --old-layout"), 0);
   qsvtest::SyslogCapture log;
   MailLog mixed(kLive);
   EXPECT_EQ(mixed.getLogNum(), 90);
@@ -187,13 +152,13 @@ TEST_F(MailLogTest, AnArchiveOfTheOlderLayoutFailsOnlyTheQueriesThatNeedItsMissi
   MailLogFilter count = Rows();
   count.status = mail_log::MAIL_STATUS_RECEIVE;
   EXPECT_EQ(mixed.getLogNum(count),
-            RawCount(kLive, "select count(*) from mail_log_table where status=1") +
-                RawCount(kArchive, "select count(*) from mail_log_table where status=1"));
+            QueryNumber(kLive, "select count(*) from mail_log_table where status=1") +
+                QueryNumber(kArchive, "select count(*) from mail_log_table where status=1"));
 
   // Both files of the older layout: rows read with an empty subject and "-" as the original
   // recipient.
   Remove(kLive);
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --rows 30 --seed 6 --old-layout"), 0);
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --rows 30 --seed 6 --old-layout"), 0);
   MailLog old(kLive);
   ASSERT_EQ(old.load(100, 0, "date", "desc", rows), 0);
   ASSERT_EQ(rows.size(), 70u);
@@ -205,7 +170,7 @@ TEST_F(MailLogTest, AnArchiveOfTheOlderLayoutFailsOnlyTheQueriesThatNeedItsMissi
 }
 
 TEST_F(MailLogTest, FilterTermsAndTheLocalReceiveStatus) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --from 2026-10-01 --days 30 --rows 2000 --seed 7 "
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --from 2026-10-01 --days 30 --rows 2000 --seed 7 "
                      "--domains example.com,b\xc3\xbc" "cher.example"),
             0);
   MailLog log(kLive);
@@ -216,7 +181,7 @@ TEST_F(MailLogTest, FilterTermsAndTheLocalReceiveStatus) {
             "SELECT SUM(cnt) from ( SELECT COUNT(*) AS cnt FROM main.mail_log_table WHERE "
             "status=1 AND (mail_from LIKE '%@example.com' OR mail_from LIKE "
             "'%@b\xc3\xbc" "cher.example'));");
-  const long long local = RawCount(
+  const long long local = QueryNumber(
       kLive, "select count(*) from mail_log_table where status=1 and (mail_from like "
              "'%@example.com' or mail_from like '%@b\xc3\xbc" "cher.example')");
   EXPECT_GT(local, 0);
@@ -224,13 +189,13 @@ TEST_F(MailLogTest, FilterTermsAndTheLocalReceiveStatus) {
   // With no local domains, every received mail counts.
   SetLocalDomains("");
   EXPECT_EQ(log.getLogNum(filter),
-            RawCount(kLive, "select count(*) from mail_log_table where status=1"));
+            QueryNumber(kLive, "select count(*) from mail_log_table where status=1"));
 
   // A size from 0 is a term; a date from 0 is none. Sizes are [from, to), dates [from, to].
   MailLogFilter terms = Rows();
   terms.sizeFrom = 0;
   terms.sizeTo = 20000;
-  terms.dateTo = RawCount(kLive, "select max(date) from mail_log_table") - 86400;
+  terms.dateTo = QueryNumber(kLive, "select max(date) from mail_log_table") - 86400;
   terms.mailTo = "xn--bcher-kva.example";  // the encoded form finds the stored UTF-8 one
   terms.limit = 5;
   EXPECT_EQ(log.composeCmd(terms),
@@ -238,7 +203,7 @@ TEST_F(MailLogTest, FilterTermsAndTheLocalReceiveStatus) {
             "AND 0 <= size AND size < 20000 AND date <= " + std::to_string(terms.dateTo) +
             " ORDER BY date asc LIMIT 5 OFFSET 0;");
   terms.columns = "COUNT(*) AS cnt";
-  const long long expected = RawCount(
+  const long long expected = QueryNumber(
       kLive, "select count(*) from mail_log_table where mail_to like '%b\xc3\xbc" "cher.example%' "
              "and size >= 0 and size < 20000 and date <= " + std::to_string(terms.dateTo));
   EXPECT_GT(expected, 0);
@@ -246,8 +211,8 @@ TEST_F(MailLogTest, FilterTermsAndTheLocalReceiveStatus) {
 }
 
 TEST_F(MailLogTest, KeywordFormsDifferWhereTheyShould) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --rows 400 --seed 8 --domains example.com"), 0);
-  RawExec(kLive, "insert into mail_log_table values ('<only@id>', 'Q1', 1790000000, "
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --rows 400 --seed 8 --domains example.com"), 0);
+  Exec(kLive, "insert into mail_log_table values ('<only@id>', 'Q1', 1790000000, "
                  "'anna@b\xc3\xbc" "cher.example', 'bob@example.com', 1234, 1, 'mx1', "
                  "'hello', '')");
   MailLog log(kLive);
@@ -269,7 +234,7 @@ TEST_F(MailLogTest, KeywordFormsDifferWhereTheyShould) {
 }
 
 TEST_F(MailLogTest, ExportWritesEveryRowOnceAndValuesAsText) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --rows 1999 --seed 9 --subject "
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --rows 1999 --seed 9 --subject "
                      "'<b>Hi</b> <script>alert(1)</script> & \"you\"'"),
             0);
   qsvtest::SyslogCapture log;
@@ -292,7 +257,7 @@ TEST_F(MailLogTest, ExportWritesEveryRowOnceAndValuesAsText) {
   EXPECT_EQ(html.substr(html.size() - 23), "</table></body></html>\n");
   EXPECT_TRUE(log.Matching("write left body").empty()) << "2000 rows are two full batches";
 
-  RawExec(kLive, "delete from mail_log_table where rowid in (select rowid from mail_log_table "
+  Exec(kLive, "delete from mail_log_table where rowid in (select rowid from mail_log_table "
                  "limit 1)");
   StdoutOf([&] { EXPECT_EQ(mail.ExportLog(all, "enu"), 0); });
   EXPECT_EQ(log.Matching("write left body").size(), 1u);
@@ -348,10 +313,10 @@ TEST(LogExportTest, SizesAndStatusWords) {
 class SecurityLogTest : public MailLogTest {};
 
 TEST_F(SecurityLogTest, SearchLooksInFourColumnsAndTheExportInTwo) {
-  ASSERT_EQ(Generate("--security-db " + kSecurityLive + " --rows 300 --seed 10 "
+  ASSERT_EQ(GenerateLogs("--security-db " + kSecurityLive + " --rows 300 --seed 10 "
                      "--domains example.com"),
             0);
-  RawExec(kSecurityLive, "insert into security_log_table values (1790000000, '192.0.2.7', "
+  Exec(kSecurityLive, "insert into security_log_table values (1790000000, '192.0.2.7', "
                          "'spam', 'score 9.1', 'mx1', 'rare-sender@evil.example', "
                          "'bob@example.com', '<i>Win</i>')");
   SecurityLog log(kSecurityLive);
@@ -367,7 +332,7 @@ TEST_F(SecurityLogTest, SearchLooksInFourColumnsAndTheExportInTwo) {
   filter.type = "spam";
   filter.columns = "COUNT(*) AS cnt";
   EXPECT_EQ(log.getLogNum(filter),
-            RawCount(kSecurityLive, "select count(*) from security_log_table where type like "
+            QueryNumber(kSecurityLive, "select count(*) from security_log_table where type like "
                                     "'%spam%'"));
 
   std::vector<security_log::SecurityLogInfo> rows;
@@ -393,8 +358,8 @@ size_t Lines(const std::string &text) { return Occurrences(text, "\n"); }
 // The administrator's front end: pages and terms checked before the library sees them, since the
 // sort column and direction go into the statement as they stand.
 TEST_F(MailLogTest, TheToolRefusesUnknownColumnsAndWritesTheDocumentAlone) {
-  ASSERT_EQ(Generate("--mail-db " + kLive + " --rows 120 --seed 11 --domains example.com"), 0);
-  ASSERT_EQ(Generate("--security-db " + kSecurityLive + " --rows 30 --seed 12"), 0);
+  ASSERT_EQ(GenerateLogs("--mail-db " + kLive + " --rows 120 --seed 11 --domains example.com"), 0);
+  ASSERT_EQ(GenerateLogs("--security-db " + kSecurityLive + " --rows 30 --seed 12"), 0);
   EXPECT_EQ(qsvtest::RunCtl({"log", "count"}).output, "120\n");
   const qsvtest::CtlResult page =
       qsvtest::RunCtl({"log", "list", "--limit", "7", "--sort", "size", "--order", "asc"});
@@ -403,7 +368,7 @@ TEST_F(MailLogTest, TheToolRefusesUnknownColumnsAndWritesTheDocumentAlone) {
   const qsvtest::CtlResult received =
       qsvtest::RunCtl({"log", "filter", "--status", "receive", "--count"});
   EXPECT_EQ(received.output,
-            std::to_string(RawCount(kLive, "select count(*) from mail_log_table where status=1")) +
+            std::to_string(QueryNumber(kLive, "select count(*) from mail_log_table where status=1")) +
                 "\n");
   for (const std::vector<std::string> &refused :
        std::vector<std::vector<std::string>>{

@@ -23,7 +23,6 @@
 #include <vector>
 
 #include "config/mail_conf.h"
-#include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "harness/one_node_cluster.h"
 #include "harness/syslog_capture.h"
@@ -37,6 +36,8 @@ namespace {
 
 using mail_log::MailStatus;
 using statistic_log::StatisticCount;
+using qsvtest::LocalTime;
+using qsvtest::SetLocalDomains;
 
 const std::pair<const char *, std::string> kFiles[] = {
     {"mail", mail_log::kMailLogDBPath},        {"mailA", mail_log::kMailLogArchivePath},
@@ -46,18 +47,7 @@ const std::string kLogs = std::string(" --mail-db ") + mail_log::kMailLogDBPath 
                           " --security-db " + security_log::kSecurityLogDBPath;
 const char kFakeTime[] = "/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1";
 
-int Generate(const std::string &args) {
-  const std::string tool = std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen";
-  return system((tool + args + " --domains example.com >/dev/null").c_str());
-}
-
-void SetLocalDomains(const std::string &value) {
-  const std::string key = "virtual_multiple_domain";
-  mkdir(kMailConfDir, 0755);
-  std::ofstream(std::string(kMailConfDir) + toLeagalFileName(key))
-      << "{\"" << KOLT::QUILLON_SERVER::KeyTreeStore::instance()->keyComplete(key) << "\":\""
-      << value << "\"}\n";
-}
+int Generate(const std::string &args) { return qsvtest::GenerateLogs(args + " --domains example.com"); }
 
 // The rows of `sql` (columns joined by '|', each row ended by '\n') with every file of the job
 // that exists attached under its short name above; "error: ..." when it fails.
@@ -89,13 +79,6 @@ std::string Ask(const std::string &sql) {
 long Number(const std::string &sql) { return atol(Ask(sql).c_str()); }
 std::string Str(long value) { return std::to_string(value); }
 
-long Local(int year, int month, int day, int hour = 0) {
-  struct tm tm = {};
-  tm.tm_year = year - 1900, tm.tm_mon = month - 1, tm.tm_mday = day, tm.tm_hour = hour;
-  tm.tm_isdst = -1;
-  return static_cast<long>(mktime(&tm));
-}
-
 // Days from today on (local midnights), and the date of `t` as the generator takes it. The counting
 // tests keep their rows in the future: the retention, which acts by the real clock when a test
 // happens to run at local midnight, must never find them old.
@@ -103,7 +86,7 @@ long Today(int days) {
   const time_t now = time(nullptr);
   struct tm today;
   localtime_r(&now, &today);
-  return Local(today.tm_year + 1900, today.tm_mon + 1, today.tm_mday + days);
+  return LocalTime(today.tm_year + 1900, today.tm_mon + 1, today.tm_mday + days);
 }
 std::string Day(long t) {
   const time_t time = t;
@@ -201,9 +184,9 @@ class MailLoggerTest : public testing::Test {
 TEST_F(MailLoggerTest, CountersEqualTheRawCountsAcrossTheChangeToSummerTime) {
   // Summer time begins on the last Sunday of March at 02:00: that day has 23 hours.
   const int year = atoi(Day(Today(0)).c_str()) + 1;
-  const int sunday = 31 - WeekDay(Local(year, 3, 31));
-  const long week = Local(year, 3, sunday), april = Local(year, 4, 1);
-  const long nextWeek = Local(year, 3, sunday + 7);
+  const int sunday = 31 - WeekDay(LocalTime(year, 3, 31));
+  const long week = LocalTime(year, 3, sunday), april = LocalTime(year, 4, 1);
+  const long nextWeek = LocalTime(year, 3, sunday + 7);
   ASSERT_EQ(Generate(kLogs + " --from " + Day(week) + " --days 7 --rows 1500 --seed 11"), 0);
   MailLogger job(3600);
   CountHours(job, week, nextWeek);
@@ -213,23 +196,23 @@ TEST_F(MailLoggerTest, CountersEqualTheRawCountsAcrossTheChangeToSummerTime) {
     for (int type = 0; type <= 4; ++type) ExpectTopList(hour, 25, type, hour, hour + 3600);
   }
   for (int day = sunday; day < sunday + 7; ++day) {
-    const long start = Local(year, 3, day), end = Local(year, 3, day + 1);
+    const long start = LocalTime(year, 3, day), end = LocalTime(year, 3, day + 1);
     EXPECT_EQ(Stored("log_statistic_day", start), RawCounts(start, end)) << "day " << day;
   }
   // One week row, at local midnight of the Sunday, over the week of 167 hours.
   EXPECT_EQ(Ask("SELECT time FROM stat.log_statistic_week"), Str(week) + "\n");
   EXPECT_EQ(Stored("log_statistic_week", week), RawCounts(week, nextWeek));
-  EXPECT_EQ(Stored("log_statistic_month", Local(year, 3, 1)), RawCounts(week, april));
+  EXPECT_EQ(Stored("log_statistic_month", LocalTime(year, 3, 1)), RawCounts(week, april));
   EXPECT_EQ(Stored("log_statistic_month", april), RawCounts(april, nextWeek));
 }
 
 TEST_F(MailLoggerTest, WeeksAndMonthsRunIntoTheNewYearWithTheirTopLists) {
   // The week of a New Year's Eve that isn't a Saturday: one week, two months, two years.
   int year = atoi(Day(Today(0)).c_str()) + 1;
-  while (WeekDay(Local(year, 12, 31)) == 6) ++year;
-  const long week = Local(year, 12, 31 - WeekDay(Local(year, 12, 31))),
-             december = Local(year, 12, 1);
-  const long january = Local(year + 1, 1, 1), nextWeek = Local(year, 12, 38 - WeekDay(january - 1));
+  while (WeekDay(LocalTime(year, 12, 31)) == 6) ++year;
+  const long week = LocalTime(year, 12, 31 - WeekDay(LocalTime(year, 12, 31))),
+             december = LocalTime(year, 12, 1);
+  const long january = LocalTime(year + 1, 1, 1), nextWeek = LocalTime(year, 12, 38 - WeekDay(january - 1));
   ASSERT_EQ(Generate(kLogs + " --from " + Day(week) + " --days 7 --rows 1500 --seed 12"), 0);
   MailLogger job(3600);
   CountHours(job, week, nextWeek);
@@ -260,7 +243,7 @@ TEST_F(MailLoggerTest, AnArchiveCountsOnlyWhenTouchedOnOrAfterTheJobsDayAndUnder
       Generate(std::string(" --mail-db ") + mail_log::kMailLogArchivePath + " --security-db " +
                security_log::kSecurityLogArchivePath + " --from 2027-05-10 --rows 300 --seed 22"),
       0);
-  const long hour = Local(2027, 5, 10, 14);
+  const long hour = LocalTime(2027, 5, 10, 14);
   const std::string span = " AND date >= " + Str(hour) + " AND date < " + Str(hour + 3600);
   auto raw = [&span](const char *table, const std::string &where, bool archive) {
     const std::string live =
@@ -544,15 +527,7 @@ TEST_F(MailLoggerTest, ADamagedCounterFileIsMadeAnewAndTheNextHourLands) {
 }
 
 // The archive watch needs the cluster's health, roles and store: one cluster for this suite.
-class MailLoggerArchiveWatchTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { cluster_ = new qsvtest::OneNodeCluster(); }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
-  }
-  static inline qsvtest::OneNodeCluster *cluster_ = nullptr;
-};
+using MailLoggerArchiveWatchTest = qsvtest::OneNodeClusterTest;
 
 TEST_F(MailLoggerArchiveWatchTest, TheScheduleGoesOffWithANotificationWhenItsFolderIsGone) {
   unlink(kKoltNotificationLog);

@@ -15,13 +15,13 @@
 
 #include <gtest/gtest.h>
 
-#include "core/key_tree_store.h"
 #include "core/mail_conf.h"
 #include "foundation/round_time.h"
 #include "harness/mailserverctl_run.h"
 #include "harness/syslog_capture.h"
 #include "logs/analysisLog.h"
 #include "logs/log_db.h"
+#include "logs/log_tools.h"
 #include "logs/securityLog.h"
 #include "logs/statisticLog.h"
 
@@ -29,41 +29,10 @@ namespace {
 
 using statistic_log::StatisticCount;
 using statistic_log::StatisticLog;
-
-void Exec(const std::string &path, const std::string &sql) {
-  sqlite3 *db = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
-  char *message = nullptr;
-  EXPECT_EQ(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &message), SQLITE_OK)
-      << (message != nullptr ? message : "") << ": " << sql;
-  sqlite3_free(message);
-  sqlite3_close(db);
-}
-
-long long RawCount(const std::string &path, const std::string &sql) {
-  sqlite3 *db = nullptr;
-  long long count = -1;
-  sqlite3_open(path.c_str(), &db);
-  sqlite3_stmt *query = nullptr;
-  if (sqlite3_prepare_v2(db, sql.c_str(), -1, &query, nullptr) == SQLITE_OK &&
-      sqlite3_step(query) == SQLITE_ROW) {
-    count = sqlite3_column_int64(query, 0);
-  }
-  sqlite3_finalize(query);
-  sqlite3_close(db);
-  return count;
-}
-
-// Local time of a day and hour in the zone the test pinned.
-long Local(int year, int month, int day, int hour = 0) {
-  struct tm tm = {};
-  tm.tm_year = year - 1900;
-  tm.tm_mon = month - 1;
-  tm.tm_mday = day;
-  tm.tm_hour = hour;
-  tm.tm_isdst = -1;
-  return static_cast<long>(mktime(&tm));
-}
+using qsvtest::Exec;
+using qsvtest::LocalTime;
+using qsvtest::QueryNumber;
+using qsvtest::SetLocalDomains;
 
 // The width and height a PNG file's header gives; zeros when it is none.
 std::pair<unsigned, unsigned> PngSize(const std::string &path) {
@@ -97,12 +66,12 @@ TEST_F(StatisticLogTest, MonthChartsStartSixMonthsBackAcrossTheYear) {
   StatisticLog log;
   ASSERT_EQ(log.error(), 0);
   // March: the year goes back and the chart starts in September.
-  EXPECT_EQ(log.getStartTime(Local(2026, 3, 17, 15), statistic_log::TIME_SCALE_MONTH),
-            Local(2025, 9, 1));
+  EXPECT_EQ(log.getStartTime(LocalTime(2026, 3, 17, 15), statistic_log::TIME_SCALE_MONTH),
+            LocalTime(2025, 9, 1));
   // July: January of the same year.
-  EXPECT_EQ(log.getStartTime(Local(2026, 7, 4, 9), statistic_log::TIME_SCALE_MONTH),
-            Local(2026, 1, 1));
-  const long t = Local(2026, 10, 20, 12);
+  EXPECT_EQ(log.getStartTime(LocalTime(2026, 7, 4, 9), statistic_log::TIME_SCALE_MONTH),
+            LocalTime(2026, 1, 1));
+  const long t = LocalTime(2026, 10, 20, 12);
   EXPECT_EQ(log.getStartTime(t, statistic_log::TIME_SCALE_HOUR), t - 86400);
   EXPECT_EQ(log.getStartTime(t, statistic_log::TIME_SCALE_DAY), t - 604800);
   EXPECT_EQ(log.getStartTime(t, statistic_log::TIME_SCALE_WEEK), t - 56 * 86400);
@@ -116,7 +85,7 @@ TEST_F(StatisticLogTest, MonthChartsStartSixMonthsBackAcrossTheYear) {
 
 TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
   { StatisticLog create; }
-  const long t = Local(2026, 10, 20, 12);
+  const long t = LocalTime(2026, 10, 20, 12);
   const std::string path = statistic_log::kStatisticDBPath;
   // Every hour of the last two days, every day of two weeks, ten weeks and eight months, each
   // with counts made from its time so that a wrong row shows.
@@ -126,7 +95,7 @@ TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
            std::to_string(hour % 97) + ", 2, 3, 4, 5);";
   }
   for (int i = 0; i < 14; ++i) {
-    sql += "INSERT INTO log_statistic_day VALUES(" + std::to_string(Local(2026, 10, 20 - i)) +
+    sql += "INSERT INTO log_statistic_day VALUES(" + std::to_string(LocalTime(2026, 10, 20 - i)) +
            ", " + std::to_string(100 + i) + ", 1, 1, 1, 1);";
   }
   for (int i = 0; i < 10; ++i) {
@@ -135,7 +104,7 @@ TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
            std::to_string(200 + i) + ", 1, 1, 1, 1);";
   }
   for (int month = 3; month <= 10; ++month) {
-    sql += "INSERT INTO log_statistic_month VALUES(" + std::to_string(Local(2026, month, 1)) +
+    sql += "INSERT INTO log_statistic_month VALUES(" + std::to_string(LocalTime(2026, month, 1)) +
            ", " + std::to_string(month) + ", 1, 1, 1, 1);";
   }
   // Two names for the receivers of the newest hour; every other list is empty.
@@ -174,12 +143,12 @@ TEST_F(StatisticLogTest, ChartsHoldTheirPointsWithListsPaddedToFive) {
   EXPECT_EQ(received[4], std::make_pair(std::string(""), 0));
   std::vector<StatisticCount> months;
   ASSERT_EQ(log.getStatistic(months, t, statistic_log::TIME_SCALE_MONTH), 0);
-  EXPECT_EQ(months.front().time, Local(2026, 4, 1));
+  EXPECT_EQ(months.front().time, LocalTime(2026, 4, 1));
   EXPECT_EQ(months.back().sentCnt, 10);
 
   StatisticCount one;
   ASSERT_EQ(log.getExportedDate(one, t + 600, statistic_log::TIME_SCALE_DAY), 0);
-  EXPECT_EQ(one.time, Local(2026, 10, 20));
+  EXPECT_EQ(one.time, LocalTime(2026, 10, 20));
   EXPECT_EQ(one.sentCnt, 100);
   EXPECT_EQ(one.dayList.lists[0].size(), 5u);
 
@@ -222,9 +191,8 @@ TEST_F(StatisticLogTest, AMonthCountedHourByHourGivesChartsOfTheTrafficsOwnCount
   const std::string live = mail_log::kMailLogDBPath;
   const std::string security = security_log::kSecurityLogDBPath;
   for (const std::string &path : {live, security}) unlink(path.c_str());
-  const std::string gen = std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen";
-  ASSERT_EQ(system((gen + " --mail-db " + live + " --security-db " + security +
-                    " --rows 3000 --seed 31 --from 2026-10-01 --days 31 >/dev/null").c_str()),
+  ASSERT_EQ(qsvtest::GenerateLogs("--mail-db " + live + " --security-db " + security +
+                                  " --rows 3000 --seed 31 --from 2026-10-01 --days 31"),
             0);
   const qsvtest::CtlResult counted =
       qsvtest::RunCtl({"stats", "count", "--from", "2026-10-24", "--to", "2026-10-31"});
@@ -232,7 +200,7 @@ TEST_F(StatisticLogTest, AMonthCountedHourByHourGivesChartsOfTheTrafficsOwnCount
   EXPECT_EQ(counted.output.rfind("192 hours counted", 0), 0u) << counted.output;
 
   StatisticLog log;
-  const long t = Local(2026, 10, 31, 23);
+  const long t = LocalTime(2026, 10, 31, 23);
   const std::pair<statistic_log::TimeScale, size_t> scales[] = {
       {statistic_log::TIME_SCALE_HOUR, 25},
       {statistic_log::TIME_SCALE_DAY, 8},
@@ -248,25 +216,17 @@ TEST_F(StatisticLogTest, AMonthCountedHourByHourGivesChartsOfTheTrafficsOwnCount
   for (const StatisticCount &day : days) {
     const std::string span = " date >= " + std::to_string(day.time) + " and date < " +
                              std::to_string(day.time + 86400);
-    EXPECT_EQ(day.sentCnt, RawCount(live, "select count(*) from mail_log_table where status=0 and" + span));
-    EXPECT_EQ(day.bounceCnt, RawCount(live, "select count(*) from mail_log_table where status=2 and" + span));
-    EXPECT_EQ(day.rejectCnt, RawCount(security, "select count(*) from security_log_table where "
+    EXPECT_EQ(day.sentCnt, QueryNumber(live, "select count(*) from mail_log_table where status=0 and" + span));
+    EXPECT_EQ(day.bounceCnt, QueryNumber(live, "select count(*) from mail_log_table where status=2 and" + span));
+    EXPECT_EQ(day.rejectCnt, QueryNumber(security, "select count(*) from security_log_table where "
                                                 "type='reject' and" + span));
   }
   std::vector<StatisticCount> month;
   ASSERT_EQ(log.getStatistic(month, t, statistic_log::TIME_SCALE_MONTH), 0);
   ASSERT_EQ(month.size(), 1u);
   EXPECT_EQ(month[0].receiveCnt,
-            RawCount(live, "select count(*) from mail_log_table where status=1 and date >= " +
-                               std::to_string(Local(2026, 10, 24))));
-}
-
-void SetLocalDomains(const std::string &value) {
-  const std::string key = "virtual_multiple_domain";
-  mkdir(kMailConfDir, 0755);
-  std::ofstream(std::string(kMailConfDir) + toLeagalFileName(key))
-      << "{\"" << KOLT::QUILLON_SERVER::KeyTreeStore::instance()->keyComplete(key) << "\":\""
-      << value << "\"}\n";
+            QueryNumber(live, "select count(*) from mail_log_table where status=1 and date >= " +
+                               std::to_string(LocalTime(2026, 10, 24))));
 }
 
 TEST(AnalysisLogTest, RankingsOfAddressesAndDomainsOverBothFiles) {
@@ -274,16 +234,15 @@ TEST(AnalysisLogTest, RankingsOfAddressesAndDomainsOverBothFiles) {
   const std::string live = mail_log::kMailLogDBPath;
   const std::string archive = mail_log::kMailLogArchivePath;
   for (const std::string &path : {live, archive}) unlink(path.c_str());
-  const std::string gen = std::string(getenv("QSV_BUILD_DIR")) + "/tools/qsv-log-gen";
-  ASSERT_EQ(system((gen + " --mail-db " + live + " --rows 3000 --seed 21 --from 2026-10-01 "
-                          "--days 30 --domains example.com >/dev/null").c_str()),
+  ASSERT_EQ(qsvtest::GenerateLogs("--mail-db " + live + " --rows 3000 --seed 21 --from 2026-10-01 "
+                                  "--days 30 --domains example.com"),
             0);
-  ASSERT_EQ(system((gen + " --mail-db " + archive + " --rows 2000 --seed 22 --from 2026-09-01 "
-                          "--days 30 --domains example.com >/dev/null").c_str()),
+  ASSERT_EQ(qsvtest::GenerateLogs("--mail-db " + archive + " --rows 2000 --seed 22 --from "
+                                  "2026-09-01 --days 30 --domains example.com"),
             0);
   SetLocalDomains("1/example.com");
-  const long from = Local(2026, 9, 24);
-  const long to = Local(2026, 10, 1) - 1 + 7 * 86400;
+  const long from = LocalTime(2026, 9, 24);
+  const long to = LocalTime(2026, 10, 1) - 1 + 7 * 86400;
   const std::string span = " and date >= " + std::to_string(from) + " and date <= " +
                            std::to_string(to);
 
@@ -300,8 +259,8 @@ TEST(AnalysisLogTest, RankingsOfAddressesAndDomainsOverBothFiles) {
   // The domain's count is every address of it in both files, and nothing is counted twice.
   for (const auto &row : top) {
     const std::string where = "where status=0 and mail_to like '%@" + row.name + "'" + span;
-    EXPECT_EQ(row.count, RawCount(live, "select count(*) from mail_log_table " + where) +
-                             RawCount(archive, "select count(*) from mail_log_table " + where))
+    EXPECT_EQ(row.count, QueryNumber(live, "select count(*) from mail_log_table " + where) +
+                             QueryNumber(archive, "select count(*) from mail_log_table " + where))
         << row.name;
   }
   EXPECT_GE(top[0].count, top[1].count);

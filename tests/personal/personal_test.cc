@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "harness/cluster_nodes.h"
+#include "harness/eventually.h"
 #include "harness/mailserverctl_run.h"
 #include "harness/one_node_cluster.h"
 #include "harness/recording_script.h"
@@ -19,6 +20,7 @@
 
 namespace {
 
+using qsvtest::Eventually;
 using qsvtest::ReadFile;
 using qsvtest::StoreCommand;
 using qsvtest::WriteFile;
@@ -47,21 +49,14 @@ bool Exists(const std::string &path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-template <typename Ready>
-bool Eventually(Ready ready) {
-  for (int i = 0; i < 600 && !ready(); ++i) usleep(50 * 1000);
-  return ready();
-}
-
-class PersonalTest : public testing::Test {
+class PersonalTest : public qsvtest::OneNodeClusterTest {
  protected:
   static void SetUpTestSuite() {
     ASSERT_EQ(system("useradd -M bob"), 0);
-    cluster_ = new qsvtest::OneNodeCluster();
+    OneNodeClusterTest::SetUpTestSuite();
     uid_ = getpwnam("bob")->pw_uid;
     dir_ = "/var/spool/mail/local/" + std::to_string(uid_);
   }
-  static void TearDownTestSuite() { delete cluster_; }
   void SetUp() override {
     // Every test starts from a user with nothing set, once the key watcher is through with the
     // last test's files: a cycle still running would write its key again.
@@ -84,7 +79,6 @@ class PersonalTest : public testing::Test {
   }
   static std::string Forward() { return ReadFile(dir_ + "/.forward"); }
 
-  static inline qsvtest::OneNodeCluster *cluster_ = nullptr;
   static inline uid_t uid_ = 0;
   static inline std::string dir_;
 };

@@ -4,17 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <json/json.h>
-
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "core/key_tree_store.h"
 #include "core/mail_conf.h"
+#include "harness/key_file.h"
 #include "test_util.h"
-
-using KOLT::QUILLON_SERVER::KeyTreeStore;
 
 namespace {
 
@@ -35,13 +31,7 @@ class MailDirTest : public ::testing::Test {
 
   static std::string FileOf(const std::string &key) { return kMailConfDir + toLeagalFileName(key); }
 
-  static void Set(const std::string &key, const std::string &value) {
-    Json::Value json;
-    json[KeyTreeStore::instance()->keyComplete(key)] = value;
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = "";
-    WriteFile(FileOf(key), Json::writeString(writer, json) + "\n");
-  }
+  static void Set(const std::string &key, const std::string &value) { qsvtest::PutKeyFile(key, value); }
 
   static std::string DirOf(uid_t uid) {
     std::string path = "<unchanged>";
