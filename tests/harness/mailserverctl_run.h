@@ -1,5 +1,5 @@
 // Runs the mailserverctl of the build under test, as an administrator would, and gives back its
-// exit status and everything it printed.
+// exit status and everything it printed; and checks the way it refuses input.
 //
 //   const qsvtest::CtlResult result = qsvtest::RunCtl({"spam", "show"});
 //
@@ -11,9 +11,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace qsvtest {
 
@@ -50,6 +55,29 @@ inline CtlResult RunCtl(const std::vector<std::string> &args) {
   waitpid(child, &status, 0);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return result;
+}
+
+// The command line, each word cut to 60 bytes, for a failure message.
+inline std::string CtlLine(const std::vector<std::string> &args) {
+  std::string line;
+  for (const std::string &arg : args) line += arg.substr(0, 60) + " ";
+  return line;
+}
+
+// Each command of `cases` is refused: exit 1, one line that starts "mailserverctl: " and holds
+// the case's reason, and `state()` as it was before.
+inline void ExpectRefused(const std::vector<std::pair<std::vector<std::string>, std::string>> &cases,
+                          const std::function<std::string()> &state) {
+  const std::string before = state();
+  for (const auto &[args, why] : cases) {
+    const CtlResult result = RunCtl(args);
+    const std::string shown = CtlLine(args) + "\n" + result.output;
+    EXPECT_EQ(result.status, 1) << shown;
+    EXPECT_EQ(result.output.rfind("mailserverctl: ", 0), 0u) << shown;
+    EXPECT_EQ(std::count(result.output.begin(), result.output.end(), '\n'), 1) << shown;
+    EXPECT_NE(result.output.find(why), std::string::npos) << shown;
+    EXPECT_EQ(state(), before) << CtlLine(args);
+  }
 }
 
 }  // namespace qsvtest

@@ -57,7 +57,7 @@ std::string Joined(const std::list<std::string> &names) {
 class AliasTest : public qsvtest::TablesTest {
  protected:
   static void SetUpTestSuite() {
-    TablesTest::SetUpTestSuite();
+    qsvtest::TablesTest::SetUpTestSuite();
     if (getpwnam("alice") != nullptr) return;
     std::ofstream("/etc/passwd", std::ios::app)
         << "alice:x:2001:2001::/tmp:/bin/false\nbob:x:2002:2001::/tmp:/bin/false\n"

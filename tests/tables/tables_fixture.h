@@ -24,15 +24,7 @@ const char kPostmap[] = "/var/packages/Quillon-Server/target/sbin/postmap";
 const char kStoreTool[] =
     "/var/packages/Quillon-Server/target/usr/bin/kolt-quillon-server-go-utils";
 
-class TablesTest : public testing::Test {
- protected:
-  static void SetUpTestSuite() { cluster_ = new OneNodeCluster(); }
-  static void TearDownTestSuite() {
-    delete cluster_;
-    cluster_ = nullptr;
-  }
-  static inline OneNodeCluster *cluster_ = nullptr;
-};
+using TablesTest = OneNodeClusterTest;
 
 // What `tool -q key map` prints (tool: postmap or postalias), without its newline; "" when the
 // key matches nothing.
