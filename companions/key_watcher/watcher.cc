@@ -12,6 +12,7 @@
 #include "config/mail_conf.h"
 #include "core/key_tree_store.h"
 #include "personal/personal.h"
+#include "service_applier.h"
 
 using KOLT::QUILLON_SERVER::FileKeyVal;
 using KOLT::QUILLON_SERVER::FileUploadKey;
@@ -74,7 +75,8 @@ bool HasPeers(const std::string &id) {
 std::vector<std::string> FollowedPatterns() {
   std::vector<std::string> patterns = {std::string(kUploadPrefix) + "*",
                                        std::string(kFilePrefix) + "*",
-                                       std::string(kPersonalPrefix) + "*"};
+                                       std::string(kPersonalPrefix) + "*",
+                                       std::string(kServiceFlagPrefix) + "*"};
   for (const char *prefix : kMirroredPrefixes) patterns.push_back(std::string(prefix) + "*");
   return patterns;
 }
@@ -90,6 +92,10 @@ void Watcher::Handle(const std::string &key, const std::string &event) {
   }
   if (StartsWith(key, kFilePrefix)) {
     if (written && reader_->Get(key, &value)) Arrived(key, value);
+    return;
+  }
+  if (StartsWith(key, kServiceFlagPrefix)) {
+    if (written) TakeUpServiceFlag(reader_, key, HostId());
     return;
   }
   if (StartsWith(key, kPersonalPrefix)) {
@@ -231,6 +237,8 @@ void Watcher::CatchUpMirrors() {
       if (reader_->Get(key, &value) && !IsFileRecord(value)) Mirror(key);
     }
   }
+  // The services read the mirrors just brought up to date.
+  CatchUpServiceFlags(reader_, HostId());
 }
 
 void Watcher::CatchUpFiles() {

@@ -9,6 +9,8 @@
 //                           a setting changed elsewhere: this node's mirror file follows
 //   mailserver/cluster/health_check_trigger
 //                           a liveness probe: this node answers in health_check_heartbeat_dir
+//   service_change/*        a service of this node must take up a change: reloaded, its flag
+//                           lowered (service_applier.h)
 //
 // and, at start and every so often, what a node that was away must catch up on: the uploads it
 // sent, the tasks in its queue, the current value of every mirrored setting.
@@ -34,7 +36,8 @@ class Watcher {
   void Handle(const std::string &key, const std::string &event);
   // Sends what this node should have sent and fetches what it should have fetched.
   void CatchUpFiles();
-  // Rewrites every mirror whose value differs from the store's.
+  // Rewrites every mirror whose value differs from the store's, then takes up this node's
+  // pending service flags.
   void CatchUpMirrors();
 
  private:

@@ -1,7 +1,7 @@
 // Membership on three fresh machines with networks of their own: a one-node cluster grows to
 // three through member add and join, each new node's key store a replica of the master's; the
 // nodes agree on versions; a setting written on a replica reaches every mirror; removals are
-// refused where they must be, and the removal of the master moves the key store's master role.
+// refused where they must be; a dead master is removed and its role moves; an address changes.
 #include <gtest/gtest.h>
 
 #include <pwd.h>
@@ -22,6 +22,7 @@ namespace {
 
 const char kEtc[] = "/var/packages/Quillon-Server/etc/";
 const char kMirrors[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
+const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
 
 std::string Ctl() { return std::string(getenv("QSV_BUILD_DIR")) + "/tools/mailserverctl"; }
 
@@ -72,22 +73,18 @@ class Membership {
     return at == std::string::npos ? "" : text.substr(at, text.find('"', at) - at);
   }
 
-  // What the services' own daemons do once they have taken up a change: lower their sync flags.
-  // No proxy runs in this sandbox to lower its flags, so the test does it on the store's master.
-  void ServicesApplied(int master) {
-    std::string keys = Redis(master, {"--scan", "--pattern", "service_change/*"});
-    std::vector<std::string> del = {"del"};
-    for (size_t at = 0; at < keys.size();) {
-      size_t end = keys.find('\n', at);
-      if (end == std::string::npos) end = keys.size();
-      if (end > at) del.push_back(keys.substr(at, end - at));
-      at = end + 1;
+  // True once no service sync flag is left on node `node`'s store: each node's watcher takes up
+  // the flags raised for it and lowers them.
+  bool FlagsLowered(int node, const std::string &pattern = "service_change/serv_status-*") {
+    for (int i = 0; i < 150; ++i) {
+      if (Redis(node, {"--scan", "--pattern", pattern}).empty()) return true;
+      usleep(100000);
     }
-    if (del.size() > 1) Redis(master, del);
+    return false;
   }
 
   void Join(int node, const std::vector<std::string> &options) {
-    ServicesApplied(1);
+    EXPECT_TRUE(FlagsLowered(1)) << "before node " << node << " joins";
     std::vector<std::string> add = {"member", "add", "--address", NetworkNodes::Address(node),
                                     "--ticket", "/tmp/ticket-" + std::to_string(node)};
     add.insert(add.end(), options.begin(), options.end());
@@ -142,7 +139,7 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   EXPECT_NE(ReadFile(nodes.Path(2, std::string(kMirrors) + "mapping_table")).find("10.77.0.3"),
             std::string::npos);
   // An address that is already a member's can't join again, and nothing changes.
-  cluster.ServicesApplied(1);
+  EXPECT_TRUE(cluster.FlagsLowered(1));
   cluster.Ctl(1, {"member", "check", "--address", NetworkNodes::Address(2)}, 1);
   EXPECT_FALSE(log.Matching("The ip [10.77.0.2] is confict").empty());
   EXPECT_EQ(cluster.Ctl(1, {"conf", "get", "cluster_peers"}), id1 + " " + id2 + " " + id3);
@@ -163,6 +160,11 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
     if (!mirrored) usleep(50000);
   }
   EXPECT_TRUE(mirrored);
+  // The mail transfer agents of nodes 1 and 3 were told to take it up, and did.
+  EXPECT_TRUE(cluster.FlagsLowered(1));
+  EXPECT_FALSE(log.Matching("reloaded mailserver_service_postfix for service_change/serv_status-" +
+                            id3 + "|")
+                   .empty());
 
   // The spam databases this node learnt reach a new member through its request service, owned
   // as the filter there needs them.
@@ -183,16 +185,18 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   // a healthy cluster (error code 9).
   cluster.Ctl(1, {"member", "del", id1}, 1);
   EXPECT_FALSE(log.Matching("it cannot remove itself").empty());
-  cluster.Redis(1, {"set", "service_change/mailserver_service_postfix-" + id2, "1"});
+  const std::string pending = "service_change/mailserver_service_postfix-" + id2;
+  cluster.Redis(1, {"set", pending, "1"});
   cluster.Ctl(1, {"member", "del", id3}, 1);
   EXPECT_FALSE(log.Matching("cluster is changing").empty());
-  cluster.Redis(1, {"del", "service_change/mailserver_service_postfix-" + id2});
   EXPECT_EQ(cluster.Ctl(1, {"conf", "get", "cluster_peers"}), id1 + " " + id2 + " " + id3);
 
-  cluster.ServicesApplied(1);
-  // Node 2 removes node 1, the master: it takes the master role, node 3 follows it, the cluster
-  // is healthy again, and node 1's keys and mapping entry are gone.
+  // Node 1, the master, dies with that sync still pending: its replicas are unhealthy, which lets
+  // node 2 remove it. Node 2 takes the master role, node 3 follows it, the cluster is healthy
+  // again, and node 1's keys, mapping entry and sync flags are gone.
+  nodes.Run(1, {kClusterDaemon, "stop"});
   cluster.Ctl(2, {"member", "del", id1});
+  cluster.Redis(2, {"del", pending});
   EXPECT_EQ(cluster.Role(2), "master");
   EXPECT_EQ(cluster.Role(3), "slave");
   EXPECT_NE(cluster.Redis(3, {"info", "replication"}).find("master_host:10.77.0.2"),
@@ -207,12 +211,31 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   EXPECT_EQ(cluster.Redis(3, {"exists", "mailserver/cluster/node_ip_list-" + id1}), "0");
   EXPECT_EQ(ReadFile(nodes.Path(2, std::string(kMirrors) + "mapping_table")).find(id1),
             std::string::npos);
+  EXPECT_TRUE(cluster.FlagsLowered(2, "service_change/serv_status-" + id1 + "*"));
 
   // Node 2 is now the only storager and balancer: its removal is refused, naming the role.
-  cluster.ServicesApplied(2);
+  EXPECT_TRUE(cluster.FlagsLowered(2));
   cluster.Ctl(3, {"member", "del", id2}, 1);
   EXPECT_FALSE(log.Matching("cause role storager less than 1").empty());
   EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "cluster_peers"}), id2 + " " + id3);
+
+  // Node 3's address changes: once it has regenerated the map, node 2 knows the new address and
+  // both are healthy again.
+  nodes.Run(3, {"ip", "addr", "del", "10.77.0.3/24", "dev", "eth0"});
+  nodes.Run(3, {"ip", "addr", "add", "10.77.0.13/24", "dev", "eth0"});
+  cluster.Ctl(3, {"member", "readdress", "10.77.0.13"});
+  bool known = false;
+  for (int i = 0; i < 100 && !known; ++i) {
+    known = ReadFile(nodes.Path(2, std::string(kMirrors) + "mapping_table")).find("10.77.0.13") !=
+            std::string::npos;
+    if (!known) usleep(50000);
+  }
+  EXPECT_TRUE(known);
+  for (int node : {2, 3}) {
+    EXPECT_NE(cluster.Ctl(node, {"cluster", "status"}).find("healthy:         yes"),
+              std::string::npos)
+        << node;
+  }
 }
 
 }  // namespace

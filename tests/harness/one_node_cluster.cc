@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include <fcntl.h>
+#include <signal.h>
 
 #include <cstdlib>
 #include <sstream>
@@ -61,5 +62,15 @@ OneNodeCluster::OneNodeCluster() {
 }
 
 OneNodeCluster::~OneNodeCluster() { RunProgram(kClusterDaemon, "stop"); }
+
+WatcherPaused::WatcherPaused() {
+  const std::string text = ReadFile("/var/run/quillon_server/key_watcher.pid");
+  pid_ = atoi(text.c_str());
+  if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0) {
+    throw std::runtime_error("the key watcher is not running: [" + text + "]");
+  }
+}
+
+WatcherPaused::~WatcherPaused() { kill(pid_, SIGCONT); }
 
 }  // namespace qsvtest

@@ -26,6 +26,19 @@ class OneNodeCluster {
   std::string password_;
 };
 
+// The node's key watcher held still (SIGSTOP) for the object's life, so that a test can see
+// what a write raised before the watcher takes it up; it goes on when the object goes.
+class WatcherPaused {
+ public:
+  WatcherPaused();
+  ~WatcherPaused();
+  WatcherPaused(const WatcherPaused &) = delete;
+  WatcherPaused &operator=(const WatcherPaused &) = delete;
+
+ private:
+  int pid_ = -1;
+};
+
 // Suites that share one cluster: it comes up before a suite's first test and goes after its last.
 class OneNodeClusterTest : public testing::Test {
  protected:

@@ -24,6 +24,10 @@
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::MemberConfig;
+using KOLT::QUILLON_SERVER::NodeRole;
+using KOLT::QUILLON_SERVER::NODE_ROLE_BALANCER;
+using KOLT::QUILLON_SERVER::NODE_ROLE_MAILER;
+using KOLT::QUILLON_SERVER::NODE_ROLE_STORAGER;
 using KOLT::QUILLON_SERVER::Role;
 
 namespace mailserverctl {
@@ -46,6 +50,7 @@ int MemberUsage() {
           "       mailserverctl member list\n"
           "       mailserverctl member check --address IP | --remove ID\n"
           "       mailserverctl member sync-spam IP\n"
+          "       mailserverctl member readdress IP\n"
           "  (LIST: mailer,storager,balancer; all three by default)\n");
   return 2;
 }
@@ -319,10 +324,19 @@ int Join(const std::string &path) {
 
 // After this node took the key store's master role, the other key stores must follow it: a
 // store left following the removed node would split the cluster in two.
-void RepointBackends(KOLTMailNodeCluster &node, const std::string &removed) {
+// redis-cli takes the store's password from its environment, where no other user can read it,
+// unlike its command line. False when this node has none.
+bool ExportStorePassword() {
   Json::Value conf;
-  if (loadMailJsonFromFile("backend.conf", conf, kEtc) != 0) return;
+  if (loadMailJsonFromFile("backend.conf", conf, kEtc) != 0 || !conf["password"].isString()) {
+    return false;
+  }
   setenv("REDISCLI_AUTH", conf["password"].asCString(), 1);
+  return true;
+}
+
+void RepointBackends(KOLTMailNodeCluster &node, const std::string &removed) {
+  if (!ExportStorePassword()) return;
   const std::string self = node.getHostIP();
   for (const std::string &id : Split(Get("consul_peers"))) {
     const std::string ip = node.idToIP(id);
@@ -348,9 +362,37 @@ int Del(const std::string &id) {
   if (!node.addRemoveNodeConfig(config, false)) {
     return Error("the member's keys were not all removed (see the system log); run again");
   }
+  // The writes above raised sync flags for every node in the peer list, which still named the
+  // removed one while they ran; nobody would ever take those up.
+  for (NodeRole role : {NODE_ROLE_MAILER, NODE_ROLE_BALANCER, NODE_ROLE_STORAGER}) {
+    node.setRoleServSync(role, id, true);
+  }
   // The file buffer follows the master balancer, which may now be this node.
   KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0);
   printf("%s removed; this node holds the key store's master role\n", id.c_str());
+  return 0;
+}
+
+// This node's address has changed (the new one is already on its interface): the id map, the
+// key store's configuration and every peer's map follow, and the file buffer moves with it.
+int Readdress(const std::string &address) {
+  KOLTMailNodeCluster node;
+  // Two nodes with one address would shadow each other in every node's map.
+  if (node.isConflicWithExistIP(address, false)) {
+    return Error("the address " + address + " is already a member's");
+  }
+  // A replica's link to its master went out from the old address, which is gone: the link would
+  // hang until it times out (a minute), and the regeneration's writes would wait for it.
+  if (ExportStorePassword()) {
+    KLIBCExecl(kRedisCli, kQuietWait, "-p", "8500", "CLIENT", "KILL", "TYPE", "master",
+               static_cast<char *>(nullptr));
+    unsetenv("REDISCLI_AUTH");
+  }
+  if (!node.idIpMapRegen(address)) return Error("the map was not regenerated (see the system log)");
+  if (KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0) != 0) {
+    return Error("the daemons did not start again on the new address");
+  }
+  printf("%s is now %s on every node\n", node.getHostID().c_str(), address.c_str());
   return 0;
 }
 
@@ -405,6 +447,7 @@ int MemberCommand(const std::vector<std::string> &args) {
     printf("spam databases sent to %s\n", rest[0].c_str());
     return 0;
   }
+  if (args[0] == "readdress" && rest.size() == 1 && IsAddress(rest[0])) return Readdress(rest[0]);
   return MemberUsage();
 }
 

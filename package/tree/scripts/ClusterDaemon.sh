@@ -155,9 +155,7 @@ stop_redis() {
 }
 
 start_memcached() {
-    local i user=()
-    memcached_answers && return 0
-    running_pid "$memcached_pid" memcached >/dev/null && return 0
+    local i user=() pid
     mkdir -p "$run"
     # memcached refuses to run as root unless told to.
     [ "$(id -u)" = 0 ] && user=(-u root)
@@ -171,6 +169,14 @@ start_memcached() {
         address=$("$tool" conf-value --file "$conf/mapping_table" --member "mapping_table/$me" \
             2>/dev/null || "$tool" conf-value --file "$conf/mapping_table" --member "$me" 2>/dev/null)
         [[ $address =~ ^[0-9.]+$ && $address != 127.0.0.1 ]] && listen+=",$address"
+    fi
+    # A buffer that still listens on the address this node had before its address changed is
+    # out of the peers' reach: it starts again on the new one.
+    if pid=$(running_pid "$memcached_pid" memcached); then
+        tr '\0' ' ' <"/proc/$pid/cmdline" | grep -qF -- " -l $listen " && return 0
+        stop_by_pid_file "$memcached_pid" memcached
+    elif memcached_answers; then
+        return 0
     fi
     if ! "$memcached" -d "${user[@]}" -l "$listen" -p $memcached_port -U 0 -m 1024 -I 128m \
             -P "$memcached_pid" </dev/null >/dev/null 2>&1 9>&-; then
