@@ -52,6 +52,11 @@ std::string HostId() { return KOLTMailNodeCluster().getHostID(); }
 
 const char kHolderPrefix[] = "quillon_server_lock_holder/";
 
+// How often a waiting watcher reads the store again, and after how many reads it asks whether a
+// lock's holder is gone.
+constexpr useconds_t kPollMicros = 500;
+constexpr int kJudgeHolderAfter = 100;
+
 bool ParseRecord(const std::string &value, FileKeyVal &record) {
   Json::Value json;
   Json::CharReaderBuilder builder;
@@ -182,7 +187,7 @@ void Watcher::WaitForEarlierReceivers(const FileKeyVal &record, const std::strin
     std::string pending;
     while (reader_->Get(task, &pending)) {
       if (std::chrono::steady_clock::now() > deadline) return;
-      usleep(2000);
+      usleep(kPollMicros);
     }
   }
 }
@@ -194,12 +199,17 @@ void Watcher::WaitForEarlierReceivers(const FileKeyVal &record, const std::strin
 bool Watcher::WaitForUnlocked(const std::string &uploadKey) {
   const std::string lock = "quillon_server_lock/" + uploadKey;
   std::string holder;
-  for (int i = 0; i < 2500; ++i) {
+  // Most waits are for a holder that is just finishing (the caller of setFile releases right
+  // after its last write, which is what woke us): a read of the store every half millisecond
+  // costs little, and a gone holder, which takes a run of the key store tool to judge, is
+  // looked for only once the wait has lasted.
+  for (int i = 0; i < 10000; ++i) {
     if (!reader_->Get(lock, &holder)) return true;
-    if (i == 0 && QuillonServerBACKENDWrap().breakLockOfGoneHolder(uploadKey, getpid())) {
+    if (i == kJudgeHolderAfter &&
+        QuillonServerBACKENDWrap().breakLockOfGoneHolder(uploadKey, getpid())) {
       return true;
     }
-    usleep(2000);
+    usleep(kPollMicros);
   }
   syslog(LOG_INFO, "%s is locked by a live holder; left to the next catch-up", uploadKey.c_str());
   return false;
