@@ -3,7 +3,8 @@
 // - SenderQuota::GenerateConfig of 10,000 senders, all system users, every tenth written in
 //   another case than the user's own (a sender that no user has costs a log line, which the
 //   floor doesn't have);
-// - AttachmentFilter::GenerateConfig of the default types and 2,000 more.
+// - AttachmentFilter::GenerateConfig of the default types and 2,000 more; its floor also reads
+//   the rows, raw, since no rule can be written without them.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sqlite3.h>
@@ -87,9 +88,30 @@ void FilterRule(benchmark::State &state) {
   if (Slurp(kRule) != ruleText) state.SkipWithError("the rule changed between runs");
 }
 
+// The call can't make its rule without reading the table: the floor reads the same rows raw, one
+// read-only connection and one statement, into one string.
+bool ReadTypesRaw(std::string &types) {
+  sqlite3 *db = nullptr;
+  sqlite3_stmt *rows = nullptr;
+  bool ok = sqlite3_open_v2(kFilterDb, &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_prepare_v2(db, "select file_type from attachment_filter_table;", -1, &rows,
+                               nullptr) == SQLITE_OK;
+  int rc = SQLITE_DONE;
+  while (ok && (rc = sqlite3_step(rows)) == SQLITE_ROW) {
+    types.append(reinterpret_cast<const char *>(sqlite3_column_text(rows, 0)),
+                 static_cast<size_t>(sqlite3_column_bytes(rows, 0)));
+    types += '|';
+  }
+  sqlite3_finalize(rows);
+  sqlite3_close(db);
+  return ok && rc == SQLITE_DONE;
+}
+
 void FilterRuleFloor(benchmark::State &state) {
   for (auto _ : state) {
-    if (!WriteBeside(kRule, ruleText)) state.SkipWithError("floor failed");
+    std::string types;
+    if (!ReadTypesRaw(types) || !WriteBeside(kRule, ruleText)) state.SkipWithError("floor failed");
+    benchmark::DoNotOptimize(types);
   }
 }
 
@@ -158,7 +180,7 @@ int main(int argc, char **argv) {
   printf("\n");
   reporter.PrintRatio("SenderQuota::GenerateConfig, 10000 senders / write + postmap", "QuotaMap",
                       "QuotaMapFloor", "(goal <= 1.3)");
-  reporter.PrintRatio("AttachmentFilter::GenerateConfig, 2035 types / write", "FilterRule",
+  reporter.PrintRatio("AttachmentFilter::GenerateConfig, 2035 types / raw read + write", "FilterRule",
                       "FilterRuleFloor", "(goal <= 1.3)");
   benchmark::Shutdown();
   return 0;

@@ -13,7 +13,6 @@
 #include "foundation/files.h"
 #include "foundation/log.h"
 #include "foundation/privilege.h"
-#include "foundation/strings.h"
 
 namespace {
 
@@ -95,7 +94,11 @@ bool WriteRule(const std::string &rule, const char *tmp, int fd) {
 
 }  // namespace
 
-int AttachmentFilter::GetList(std::list<std::string> &out, const std::string &search) {
+namespace {
+
+// Walks the types of the table, or those containing `search`, in the table's order.
+template <typename Visit>
+int WalkTypes(const std::string &search, Visit visit) {
   DBHandler db(kDBPath, Schema());
   if (!Open(db)) return -1;
   char statement[kStatementSize];
@@ -115,7 +118,7 @@ int AttachmentFilter::GetList(std::list<std::string> &out, const std::string &se
   }
   while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
     const auto *type = reinterpret_cast<const char *>(sqlite3_column_text(rows, 0));
-    out.push_back(type != nullptr ? type : "");
+    visit(type != nullptr ? type : "");
   }
   sqlite3_finalize(rows);
   if (rc != SQLITE_DONE) {
@@ -123,6 +126,12 @@ int AttachmentFilter::GetList(std::list<std::string> &out, const std::string &se
     return -1;
   }
   return 0;
+}
+
+}  // namespace
+
+int AttachmentFilter::GetList(std::list<std::string> &out, const std::string &search) {
+  return WalkTypes(search, [&](const char *type) { out.push_back(type); });
 }
 
 int AttachmentFilter::Add(const std::list<std::string> &types) {
@@ -135,13 +144,26 @@ int AttachmentFilter::Delete(const std::list<std::string> &types) {
 }
 
 int AttachmentFilter::GenerateConfig() {
-  std::list<std::string> types;
-  if (GetList(types, "") != 0) return -1;
-  // A dot in a type means a real dot in a name, not any character.
-  for (std::string &type : types) StrReplace(type, ".", "\\.");
   // The name may be quoted, RFC 2231-encoded ("=2E" for the dot) or end a MIME word ("?=").
-  const std::string rule = "/name\\s*=\\s*\"?(.*(\\.|=2E))(" + StringJoin(types, "|") +
-                           ")(\\?=)?\"?\\s*(;|$)/ REJECT Attachment type not allowed\n";
+  std::string rule = "/name\\s*=\\s*\"?(.*(\\.|=2E))(";
+  // The types go straight from their rows into the rule: a table of thousands costs no list of
+  // its own. A dot in a type means a real dot in a name, not any character.
+  bool first = true;
+  const int walked = WalkTypes("", [&](const char *type) {
+    if (!first) rule += '|';
+    first = false;
+    for (const char *end = type + strlen(type); type != end;) {
+      const char *dot = static_cast<const char *>(memchr(type, '.', end - type));
+      if (dot == nullptr) {
+        rule.append(type, end);
+        break;
+      }
+      rule.append(type, dot).append("\\.");
+      type = dot + 1;
+    }
+  });
+  if (walked != 0) return -1;
+  rule += ")(\\?=)?\"?\\s*(;|$)/ REJECT Attachment type not allowed\n";
 
   std::string tmp;
   const int fd = mkTemporaryBeside(kRulePath, tmp);
