@@ -232,6 +232,9 @@ std::string Folded(const std::string &name) {
 }  // namespace
 
 int KOLTUserRealNames::Load() {
+  // Lists are made for maps of thousands of names: a table grown from a few buckets would be
+  // rehashed a dozen times on the way.
+  byFolded_.reserve(4096);
   auto collect = [this](const struct passwd &pw) {
     Spellings &spellings = byFolded_[Folded(pw.pw_name)];
     if (spellings.first.empty()) {

@@ -44,15 +44,25 @@ int userTypeCheck(const std::string &user) {
 namespace {
 
 // `user` with the domain part of the server's source, when it has none.
+std::string QualifiedName(const std::string &type, const std::string &domain,
+                          const std::string &user) {
+  if (type == "ldap" && user.find('@') == std::string::npos) return user + "@" + domain;
+  if (type == "win" && user.find('\\') == std::string::npos) return domain + "\\" + user;
+  return user;
+}
+
+// The domain part that QualifiedName adds for the source `type`.
+std::string DomainOf(Postfix &postfix, const std::string &type) {
+  if (type == "ldap") return Setting(postfix, "acc_domain_name");
+  if (type == "win") return Setting(postfix, "win_domain_short_name");
+  return "";
+}
+
 std::string QualifiedName(Postfix &postfix, const std::string &user) {
   const std::string type = AccountType(postfix);
-  if (type == "ldap" && user.find('@') == std::string::npos) {
-    return user + "@" + Setting(postfix, "acc_domain_name");
-  }
-  if (type == "win" && user.find('\\') == std::string::npos) {
-    return Setting(postfix, "win_domain_short_name") + "\\" + user;
-  }
-  return user;
+  const bool bare = (type == "ldap" && user.find('@') == std::string::npos) ||
+                    (type == "win" && user.find('\\') == std::string::npos);
+  return bare ? QualifiedName(type, DomainOf(postfix, type), user) : user;
 }
 
 // The stored spelling of `name` from `lookup` (0 and the text), or `name` itself with a log line.
@@ -81,12 +91,15 @@ std::string getFullUsername(Postfix &postfix, const std::string &user, bool reso
   });
 }
 
-FullUsernames::FullUsernames(Postfix &postfix) : postfix_(postfix) {}
+// A map asks for thousands of names: the settings are read once.
+FullUsernames::FullUsernames(Postfix &postfix)
+    : type_(AccountType(postfix)), domain_(DomainOf(postfix, type_)) {}
 
 std::string FullUsernames::Get(const std::string &user) {
-  return Resolved(QualifiedName(postfix_, user), [this](const std::string &full, std::string &real) {
-    return users_.Get(full, real);
-  });
+  return Resolved(QualifiedName(type_, domain_, user),
+                  [this](const std::string &full, std::string &real) {
+                    return users_.Get(full, real);
+                  });
 }
 
 int mailDirPathGet(const std::string &user, std::string &path) {

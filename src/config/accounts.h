@@ -20,16 +20,18 @@ QSV_EXPORT int userTypeCheck(const std::string &user);
 // `user` in the full form of the server's source; with `resolve`, in the stored spelling.
 QSV_EXPORT std::string getFullUsername(Postfix &postfix, const std::string &user, bool resolve);
 
-// getFullUsername(postfix, user, true) for many users: the system's users are listed once, at the
-// first Get, and every name is resolved from that list (see KOLTUserRealNames). REQUIRES: `postfix`
-// loaded, and alive as long as this object. Belongs to one thread.
+// getFullUsername(postfix, user, true) for many users: the account source's settings are read
+// once, at construction, the system's users are listed once, at the first Get, and every name is
+// resolved from that list (see KOLTUserRealNames). REQUIRES: `postfix` loaded. Belongs to one
+// thread.
 class QSV_EXPORT FullUsernames {
  public:
   explicit FullUsernames(Postfix &postfix);
   std::string Get(const std::string &user);
 
  private:
-  Postfix &postfix_;
+  std::string type_;    // account_type
+  std::string domain_;  // what a name of that source is qualified with
   KOLTUserRealNames users_;
 };
 

@@ -1,12 +1,11 @@
 #include "tables/sender_quota.h"
 
-#include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "cluster/backendWrapper.h"
 #include "config/accounts.h"
@@ -81,16 +80,11 @@ std::string SenderColumn(sqlite3_stmt *row) {
 }
 
 // The map is written beside its place and moved there whole, so Postfix never reads half of it.
-// The stream gets a descriptor of its own: `fd` stays open, and its lock held, until the rename.
+// The text is made in memory and written at once: `fd` stays open, and its lock held, until the
+// rename.
 bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
-  const int own = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-  FILE *out = own < 0 ? nullptr : fdopen(own, "w");
-  if (out == nullptr) {
-    maillog(3, "%s:%d fdopen %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
-    if (own >= 0) close(own);
-    return false;
-  }
   sqlite3_stmt *rows = nullptr;
+  std::string text;
   int rc = sqlite3_prepare_v2(db.getDB(), "select * from sender_quota_table", -1, &rows, nullptr);
   if (rc != SQLITE_OK) {
     maillog(3, "%s:%d sqlite3_prepare_v2: [%d] %s\n", QSV_FILE, __LINE__, rc,
@@ -99,8 +93,10 @@ bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
     // One listing of the system's users for the whole map, not a walk of them per sender.
     FullUsernames names(postfix);
     while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
-      const std::string name = names.Get(SenderColumn(rows));
-      fprintf(out, "%s %u\n", name.c_str(), QuotaColumn(rows));
+      text += names.Get(SenderColumn(rows));
+      text += ' ';
+      text += std::to_string(QuotaColumn(rows));
+      text += '\n';
     }
     if (rc != SQLITE_DONE) {
       maillog(3, "%s:%d sqlite3_step: [%d] %s\n", QSV_FILE, __LINE__, rc,
@@ -108,13 +104,19 @@ bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
     }
   }
   sqlite3_finalize(rows);
-  bool ok = rc == SQLITE_DONE;
-  if (fflush(out) != 0 || fsync(fileno(out)) != 0) {
-    maillog(3, "%s:%d write %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
-    ok = false;
+  if (rc != SQLITE_DONE) return false;
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
   }
-  fclose(out);
-  return ok;
+  if (done < text.size() || fsync(fd) != 0) {
+    maillog(3, "%s:%d write %s fail, %s", QSV_FILE, __LINE__, tmp, strerror(errno));
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
