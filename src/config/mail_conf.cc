@@ -1,6 +1,7 @@
 #include "config/mail_conf.h"
 
 #include <curl/curl.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <pwd.h>
@@ -38,6 +39,27 @@ const char *grgClusterFailedMaySetKeyList[] = {"balancer_master_node", nullptr};
 namespace {
 
 const char kPackageUser[] = "Quillon-Server";
+
+// libcurl is wanted only around a batch write, but every program of the suite links this library,
+// and linking libcurl made each of them load some twenty-five more libraries at its start, most
+// of its start-up time. It is loaded at the first batch, once per process, and kept.
+struct CurlGlobal {
+  CURLcode (*init)(long) = nullptr;
+  void (*cleanup)() = nullptr;
+};
+
+const CurlGlobal &Curl() {
+  static const CurlGlobal curl = [] {
+    CurlGlobal found;
+    void *library = dlopen("libcurl.so.4", RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) return found;
+    found.init = reinterpret_cast<CURLcode (*)(long)>(dlsym(library, "curl_global_init"));
+    found.cleanup = reinterpret_cast<void (*)()>(dlsym(library, "curl_global_cleanup"));
+    if (found.init == nullptr || found.cleanup == nullptr) found = CurlGlobal();
+    return found;
+  }();
+  return curl;
+}
 
 bool MayFailKey(const std::string &key) {
   for (const char *const *k = grgClusterFailedMaySetKeyList; *k != nullptr; ++k) {
@@ -270,7 +292,8 @@ int mailConfSet(const std::string &key, const std::string &value, bool sync, int
 }
 
 int mailConfSet(const std::map<std::string, std::string> &pairs) {
-  if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
+  const CurlGlobal &curl = Curl();
+  if (curl.init == nullptr || curl.init(CURL_GLOBAL_ALL) != CURLE_OK) {
     maillog(3, "%s:%d Failed to init global curl", QSV_FILE, __LINE__);
     return -1;
   }
@@ -305,7 +328,7 @@ int mailConfSet(const std::map<std::string, std::string> &pairs) {
       result = -1;
     }
   }
-  curl_global_cleanup();
+  curl.cleanup();
   return result;
 }
 
