@@ -161,13 +161,17 @@ void Serve(int fd, const std::string &password) {
   std::string errors;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   if (!reader->parse(line.data(), line.data() + line.size(), &request, &errors) ||
-      !request.isObject() || !request["time"].isIntegral() || !request["size"].isIntegral() ||
+      !request.isObject() || !request["time"].isInt64() || !request["size"].isUInt64() ||
       !request["sha256"].isString()) {
+    // In range, not just integral: asInt64()/asUInt64() throw on a time beyond Int64 or a
+    // negative size, and a malformed request gets a refusal, not a child killed without answer.
     Answer(fd, false, kBadRequest);
     return;
   }
-  const long skew = static_cast<long>(time(nullptr) - request["time"].asInt64());
-  if (skew > webapi::kClockSkew || skew < -webapi::kClockSkew ||
+  // Compared with the clock's bounds rather than by a difference, which a time near the ends of
+  // Int64 would overflow.
+  const Json::Int64 now = time(nullptr), sent = request["time"].asInt64();
+  if (sent < now - webapi::kClockSkew || sent > now + webapi::kClockSkew ||
       request["size"].asUInt64() > webapi::kMaxBody) {
     syslog(LOG_WARNING, "refused a stale or oversized request");
     Answer(fd, false, kRefused);
