@@ -388,6 +388,104 @@ done
 /usr/sbin/dovecot -c "$src/dovecot.conf" stop
 show "$ctl" settings set --of imap imap_enabled no
 
+step "A cluster of three: two fresh machines join this server, take up its settings and files, and one leaves again"
+harness=$(cd "$(dirname "${BASH_SOURCE[0]}")/../tests/harness" && pwd)
+redis_cli=/var/packages/Quillon-Server/target/usr/bin/redis-cli
+declare -A node_pid
+# node_up N: a fresh machine (own mounts, own network) with address 10.77.0.N on the bridge.
+node_up() {
+    local n=$1 pid i
+    unshare --mount --net --propagation private -- "$harness/network_node" "10.77.0.$n" &
+    pid=$!
+    node_pid[$n]=$pid
+    for ((i = 0; i < 200; i++)); do
+        [ "$(readlink /proc/$pid/ns/net)" != "$(readlink /proc/self/ns/net)" ] && break
+        sleep 0.05
+    done
+    ip link add "qsvveth$n" type veth peer name eth0 netns "$pid"
+    ip link set "qsvveth$n" master qsvbr0 up
+    nsenter --net=/proc/$pid/ns/net -- ip link set lo up
+    nsenter --net=/proc/$pid/ns/net -- ip addr add "10.77.0.$n/24" dev eth0
+    nsenter --net=/proc/$pid/ns/net -- ip link set eth0 up
+    for ((i = 0; i < 200; i++)); do
+        [ -e "/proc/$pid/root/run/network_node.ready" ] && return 0
+        sleep 0.05
+    done
+    echo "node $n did not come up"; return 1
+}
+# on N COMMAND...: COMMAND run on node N.
+on() {
+    local pid=${node_pid[$1]}; shift
+    nsenter --mount=/proc/$pid/ns/mnt --net=/proc/$pid/ns/net --wd="$PWD" -- "$@"
+}
+replication() {  # the replication state of the key store at 10.77.0.N, asked from node N
+    local n=$1
+    printf 'node %s: ' "$n"
+    if [ "$n" = 1 ]; then
+        REDISCLI_AUTH=$pass "$redis_cli" -p 8500 info replication
+    else
+        REDISCLI_AUTH=$pass on "$n" "$redis_cli" -p 8500 info replication
+    fi | tr -d '\r' | grep -E '^(role|master_host|master_link_status):' | paste -sd' '
+}
+pass=$("$tool" conf-value --file /var/packages/Quillon-Server/etc/backend.conf --member password)
+echo "This machine gets 10.77.0.1 on a bridge that the new machines share; the cluster learns the address:"
+ip link add qsvbr0 type bridge
+ip addr add 10.77.0.1/24 dev qsvbr0
+ip link set qsvbr0 up
+show "$ctl" member readdress 10.77.0.1
+node_up 2
+node_up 3
+echo "Node 2 joins with every role, node 3 as a mailer of weight 0: a ticket made here, used there."
+show "$ctl" member add --address 10.77.0.2 --ticket /tmp/ticket-2
+echo '$ (node 2)' "$ctl" member join --ticket /tmp/ticket-2
+on 2 "$ctl" member join --ticket /tmp/ticket-2
+show "$ctl" member add --address 10.77.0.3 --ticket /tmp/ticket-3 --roles mailer --weight 0
+echo '$ (node 3)' "$ctl" member join --ticket /tmp/ticket-3
+on 3 "$ctl" member join --ticket /tmp/ticket-3
+# This node's mirrors follow the joiner's writes through its watcher: a moment later.
+for ((i = 0; i < 100; i++)); do
+    [ "$("$ctl" conf get consul_peers | wc -w)" = 3 ] && break
+    sleep 0.1
+done
+show "$ctl" member list
+printf 'mailer_weight_list = %s\n' "$("$ctl" conf get mailer_weight_list)"
+echo "One key store master (this node), two replicas that follow it:"
+for n in 1 2 3; do replication "$n"; done
+echo "A setting this server had before is on the new node:"
+printf 'node 3: smtp_port = %s\n' "$(on 3 "$ctl" conf get smtp_port)"
+echo "A setting written now, on node 2 (a replica), reaches the master and node 3's mirror file:"
+echo "\$ (node 2) $ctl conf set smtp_banner 'ESMTP cluster ready'"
+on 2 "$ctl" conf set smtp_banner "ESMTP cluster ready"
+for ((i = 0; i < 100; i++)); do
+    on 3 grep -q "cluster ready" "$conf/smtp_banner" 2>/dev/null && break
+    sleep 0.1
+done
+printf 'node 3 mirror: '; on 3 cat "$conf/smtp_banner"
+echo "An alias added here: the alias database is sent through the file buffer and read on node 3:"
+show "$ctl" alias add example.com oncall alice dave
+for ((i = 0; i < 100; i++)); do
+    on 3 "$ctl" alias members example.com oncall 2>/dev/null | grep -q dave && break
+    sleep 0.1
+done
+echo '$ (node 3)' "$ctl" alias members example.com oncall
+on 3 "$ctl" alias members example.com oncall
+echo "The services of each node took the changes up and lowered their sync flags:"
+for ((i = 0; i < 150; i++)); do
+    [ -z "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 --scan --pattern 'service_change/*')" ] && break
+    sleep 0.1
+done
+printf 'pending service syncs: %s\n' "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 --scan --pattern 'service_change/*' | wc -l)"
+id3=$(on 3 "$tool" conf-value --file "$conf/local_id_file" --member id)
+echo "Node 3 leaves; this node keeps the store's master role and node 2 stays its replica:"
+show "$ctl" member del "$id3"
+show "$ctl" member list
+for n in 1 2; do replication "$n"; done
+printf 'node_ip_list of node 3 in the store: %s\n' \
+    "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 exists "mailserver/cluster/node_ip_list-$id3")"
+for n in 2 3; do on "$n" /var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh stop; done
+kill "${node_pid[2]}" "${node_pid[3]}"
+ip link del qsvbr0
+
 step "What the library logged"
 grep -v qsvtest /run/qsv-sandbox/syslog | tail -n 8 || true
 show "$ctl" backend stop

@@ -20,9 +20,10 @@ const char kServiceFlagPrefix[] = "service_change/serv_status-";
 
 namespace {
 
-// The reload of `service` on this node: its exit status, or 0 for a service this package doesn't
+// The reload of `service` on this node: its exit status, or -1 for a service this package doesn't
 // run (the proxy and the balancer address live outside it: nothing here has to take them up).
-int Reload(const std::string &service) {
+int Reload(const std::string &service, bool *known) {
+  *known = true;
   if (service == "mailserver_service_postfix") return Postfix::Service("reload");
   if (service == "mailserver_service_dovecot") return ImapPop3::Service("reload");
   if (service == "mailserver_service_spam") {
@@ -30,7 +31,8 @@ int Reload(const std::string &service) {
                      nullptr, nullptr, KLIBC_EXEC_QUIET_WAIT);
   }
   if (service == "mailserver_service_antivirus") return MailScanner::AntiVirusService("reload");
-  return 0;
+  *known = false;
+  return -1;
 }
 
 // Whether this node holds the role whose nodes run `service`.
@@ -60,15 +62,19 @@ void TakeUpServiceFlag(Reader *reader, const std::string &key, const std::string
   const std::string service = rest.substr(first + 1, second - first - 1);
   const std::string tag = rest.substr(second + 1);
   KeyTreeStore *tree = KeyTreeStore::instance();
-  if (tree->roleGet(service).empty() || tag != tree->getServScript(service)) {
+  // A changed setting raises the flag without a tag, a role change with the service's own.
+  if (tree->roleGet(service).empty() || (!tag.empty() && tag != tree->getServScript(service))) {
     syslog(LOG_ERR, "ignored the sync flag %s: no service of this package", key.c_str());
     return;
   }
   std::string value;
   if (!reader->Get(key, &value)) return;  // lowered meanwhile, or run out
+  bool known = false;
   if (RunsHere(service, hostId)) {
-    const int rc = Reload(service);
-    if (rc != 0) {
+    const int rc = Reload(service, &known);
+    if (!known) {
+      syslog(LOG_INFO, "lowered %s: no daemon of this package to reload", key.c_str());
+    } else if (rc != 0) {
       syslog(LOG_ERR, "reload of %s failed (%d)", service.c_str(), rc);
     } else {
       syslog(LOG_INFO, "reloaded %s for %s", service.c_str(), key.c_str());

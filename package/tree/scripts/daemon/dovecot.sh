@@ -8,7 +8,7 @@
 # IMAP listens on 143 and POP3 on 110 of loopback while their switches are on; IMAPS (993) and
 # POP3S (995) need the certificate that the first start makes in etc/dovecot/ssl. With every
 # switch off there is nothing to serve: start leaves Dovecot stopped and succeeds, and reload
-# stops a running one. A configuration that the writer refuses is never put in place: start then
+# stops a running one (or, finding none, succeeds). A configuration that the writer refuses is never put in place: start then
 # fails, and reload fails with the running Dovecot left on its old configuration. status exits 0
 # only while our Dovecot runs and answers. Where Dovecot is not installed every word but stop
 # fails and says so.
@@ -178,6 +178,13 @@ stop() {
 reload() {
     local pid
     if ! pid=$(running_pid); then
+        # Two appliers may meet here (the writer of a change and this node's key watcher): when
+        # the first one stopped Dovecot because nothing is left to serve, the second one finds
+        # the configuration taken up already.
+        if write_config && ! serves_something; then
+            log "IMAP and POP3 are both off; Dovecot stays stopped"
+            return 0
+        fi
         log "Dovecot is not running; nothing to reload"
         return 1
     fi
