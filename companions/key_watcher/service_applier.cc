@@ -9,6 +9,7 @@
 #include "config/mailscanner.h"
 #include "config/postfix.h"
 #include "core/key_tree_store.h"
+#include "core/mail_conf.h"
 #include "kolt/exec.h"
 
 using KOLT::QUILLON_SERVER::KeyTreeStore;
@@ -33,6 +34,21 @@ int Reload(const std::string &service, bool *known) {
   if (service == "mailserver_service_antivirus") return MailScanner::AntiVirusService("reload");
   *known = false;
   return -1;
+}
+
+// Whether this node's own writer raised `key`: a writer applies its change to its own services
+// itself (the callbacks of its save), and a second reload from here would race with it. The
+// writer keeps the lock of the flags' mirror from the store's write to the mirror's, so under
+// that lock the mirror already holds every flag this node has published.
+bool RaisedHere(const std::string &key) {
+  const std::string fileName = toLeagalFileName("service_change");
+  int fd = -1;
+  mailConfigLockGet(fileName, 0, fd);
+  Json::Value mirror;
+  const bool here = loadMailJsonFromFile(fileName, mirror, kMailConfDir) == 0 &&
+                    mirror.isObject() && mirror.isMember(key);
+  mailConfigLockRelease(fd);
+  return here;
 }
 
 // Whether this node holds the role whose nodes run `service`.
@@ -70,7 +86,9 @@ void TakeUpServiceFlag(Reader *reader, const std::string &key, const std::string
   std::string value;
   if (!reader->Get(key, &value)) return;  // lowered meanwhile, or run out
   bool known = false;
-  if (RunsHere(service, hostId)) {
+  if (RaisedHere(key)) {
+    syslog(LOG_INFO, "lowered %s: raised by this node, whose writer applies it", key.c_str());
+  } else if (RunsHere(service, hostId)) {
     const int rc = Reload(service, &known);
     if (!known) {
       syslog(LOG_INFO, "lowered %s: no daemon of this package to reload", key.c_str());
