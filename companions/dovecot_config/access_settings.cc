@@ -1,15 +1,22 @@
 #include "access_settings.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <boost/any.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <vector>
 
+#include "cluster/mailserver_cluster.h"
 #include "config/imap_pop3.h"
 #include "core/mail_conf.h"
 #include "core/mail_dir.h"
+#include "webapi/web_api_wire.h"
 
 namespace dovecotconf {
 namespace {
@@ -96,7 +103,80 @@ bool Checked(ImapPop3 &settings, const boost::any &declaration, std::string &val
   return false;
 }
 
+// `text` as an IPv4 or IPv6 address in the form inet_ntop gives it, or "" when it is none. Only
+// this form reaches the configuration: whatever else the mapping table's mirror holds can't.
+std::string CanonicalAddress(const std::string &text) {
+  unsigned char bytes[sizeof(in6_addr)];
+  char out[INET6_ADDRSTRLEN];
+  for (const int family : {AF_INET, AF_INET6}) {
+    if (inet_pton(family, text.c_str(), bytes) == 1 &&
+        inet_ntop(family, bytes, out, sizeof(out)) != nullptr) {
+      return out;
+    }
+  }
+  return "";
+}
+
+// Whether one of this machine's interfaces has `address` (canonical): Dovecot refuses to start at
+// all when a listener can't bind, and IMAP must not go down for an address that moved away.
+bool AssignedHere(const std::string &address) {
+  ifaddrs *list = nullptr;
+  if (getifaddrs(&list) != 0) return false;
+  bool found = false;
+  for (const ifaddrs *entry = list; entry != nullptr && !found; entry = entry->ifa_next) {
+    if (entry->ifa_addr == nullptr) continue;
+    char text[INET6_ADDRSTRLEN] = {0};
+    if (entry->ifa_addr->sa_family == AF_INET) {
+      inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in *>(entry->ifa_addr)->sin_addr, text,
+                sizeof(text));
+    } else if (entry->ifa_addr->sa_family == AF_INET6) {
+      inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(entry->ifa_addr)->sin6_addr,
+                text, sizeof(text));
+    }
+    found = address == text;
+  }
+  freeifaddrs(list);
+  return found;
+}
+
+// The sync listener's address and password, when this node is one of at least two members: a
+// node alone has nobody to sync with and opens no port for it.
+void ReadSyncSettings(AccessSettings &settings) {
+  using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
+  KOLTMailNodeCluster cluster;
+  if (!cluster.isClusterInited()) return;
+  const std::string id = cluster.getHostID();
+  std::vector<std::string> peers;
+  cluster.listPeers(peers);
+  bool member = false;
+  for (const std::string &peer : peers) member = member || (!id.empty() && peer == id);
+  if (!member || peers.size() < 2) return;
+  const std::string stored = cluster.idToIP(id);
+  const std::string address = CanonicalAddress(stored);
+  if (address.empty()) {
+    settings.noSyncListener = "this node's address in the mapping table, \"" + Printable(stored) +
+                              "\", is no IP address";
+    return;
+  }
+  if (!AssignedHere(address)) {
+    settings.noSyncListener = "this node's cluster address " + address + " is on none of its "
+                              "interfaces";
+    return;
+  }
+  const std::string backendPassword = webapi::BackendPassword();
+  if (backendPassword.empty()) {
+    settings.noSyncListener = "the cluster's backend password can't be read";
+    return;
+  }
+  settings.syncAddress = address;
+  settings.syncPassword = DoveadmPassword(backendPassword);
+}
+
 }  // namespace
+
+std::string DoveadmPassword(const std::string &backendPassword) {
+  return webapi::HmacHex(backendPassword, "quillon-server dovecot doveadm mail sync");
+}
 
 bool ReadAccessSettings(AccessSettings &settings, std::string &why) {
   ImapPop3 declared;  // for its declarations; the values are read here as text
@@ -132,6 +212,7 @@ bool ReadAccessSettings(AccessSettings &settings, std::string &why) {
   }
   settings.mailDomainPath = domainPath;
   settings.haveCertificate = access(kCertFile, R_OK) == 0 && access(kKeyFile, R_OK) == 0;
+  ReadSyncSettings(settings);
   return true;
 }
 
@@ -192,6 +273,18 @@ std::string ConfText(const AccessSettings &s) {
           "  inet_listener pop3 {\n    port = " + port(s.pop3, 110) + "\n  }\n"
           "  inet_listener pop3s {\n    port = " + port(pop3s, 995) + "\n    ssl = yes\n  }\n"
           "}\n";
+  if (!s.syncAddress.empty()) {
+    // The cluster's members sync mailboxes through doveadm's server: on this node's cluster
+    // address alone, and only for a peer that knows the cluster's sync password.
+    const std::string syncPort = std::to_string(kMailSyncPort);
+    text += std::string("doveadm_password = <") + kDoveadmPasswordFile + "\n";
+    // No doveadm_port: with it set, every doveadm mail command first asks the passdb whether
+    // the user is proxied elsewhere, which PAM can't answer.
+    text += "service doveadm {\n"
+            "  inet_listener cluster_sync {\n    address = " + s.syncAddress +
+            "\n    port = " + syncPort + "\n  }\n"
+            "}\n";
+  }
   return text;
 }
 

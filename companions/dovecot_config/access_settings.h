@@ -26,6 +26,12 @@ inline constexpr char kKeyFile[] = "/var/packages/Quillon-Server/target/etc/dove
 inline constexpr char kBaseDir[] = "/var/run/quillon_server/dovecot";
 inline constexpr char kStateDir[] = "/var/packages/Quillon-Server/target/var/lib/dovecot";
 inline constexpr char kLogFile[] = "/var/packages/Quillon-Server/target/var/log/dovecot.log";
+// The password peers give to this node's doveadm server when they sync mailboxes, derived from
+// the cluster's backend password; root's alone, like that one.
+inline constexpr char kDoveadmPasswordFile[] =
+    "/var/packages/Quillon-Server/target/etc/dovecot/doveadm_password";
+// Where the members of a cluster sync their mailboxes (doveadm sync over TCP).
+constexpr int kMailSyncPort = 24245;
 
 // The most connections one user may hold from one address. Dovecot takes larger numbers, but no
 // mail client needs thousands, and a number of this size can't surprise its parser.
@@ -46,12 +52,24 @@ struct AccessSettings {
   std::string mailDomainPath;
   // Whether kCertFile and kKeyFile are there; without them the TLS listeners stay off.
   bool haveCertificate = false;
+  // This node's own address in the cluster, in its canonical form, while the node has peers to
+  // sync mailboxes with; "" otherwise, and then no sync listener is written.
+  std::string syncAddress;
+  // DoveadmPassword() of the cluster, alongside syncAddress.
+  std::string syncPassword;
+  // Why there is no sync listener although this node belongs to a cluster, for the log; "" when
+  // there is one or the node stands alone.
+  std::string noSyncListener;
 };
 
 // Reads every key of the IMAP and POP3 settings and the account domain. False, with `why` naming
 // the key and what is wrong with it, when a value can't be read or isn't of its form; then nothing
 // may be written.
 bool ReadAccessSettings(AccessSettings &settings, std::string &why);
+
+// The sync password for a cluster whose backend password is `backendPassword`: the same on every
+// member, and not the backend password itself, which doveadm's protocol would carry.
+std::string DoveadmPassword(const std::string &backendPassword);
 
 // The whole of dovecot.conf for `settings`.
 std::string ConfText(const AccessSettings &settings);

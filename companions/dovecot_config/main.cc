@@ -68,12 +68,33 @@ bool MakeDenyFile() {
   return errno == EEXIST;
 }
 
+// The sync password, in a file of root's alone from its first byte on (mkostemp makes it 0600),
+// put in place whole. Dovecot takes the file's content as it is: no newline.
+bool WriteSyncPassword(const std::string &password) {
+  std::string fresh = std::string(dovecotconf::kConfDir) + "/.doveadm_password.XXXXXX";
+  const int fd = mkostemp(&fresh[0], O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool written = fchown(fd, 0, 0) == 0 && fchmod(fd, 0600) == 0 && WriteAll(fd, password) &&
+                       fsync(fd) == 0;
+  close(fd);
+  if (!written || rename(fresh.c_str(), dovecotconf::kDoveadmPasswordFile) != 0) {
+    unlink(fresh.c_str());
+    return false;
+  }
+  return true;
+}
+
 // The configuration is root's alone to change: Dovecot's master reads it as root, so the package
 // user, who owns the settings' mirror files, must not own this file.
 int WriteConf(const dovecotconf::AccessSettings &settings) {
   mkdir(dovecotconf::kConfDir, 0755);
   if (settings.authDeny && !MakeDenyFile()) {
     NOTE("cannot make the deny list %s: %s; nothing changed", dovecotconf::kDenyFile,
+         strerror(errno));
+    return -1;
+  }
+  if (!settings.syncAddress.empty() && !WriteSyncPassword(settings.syncPassword)) {
+    NOTE("cannot write %s: %s; nothing changed", dovecotconf::kDoveadmPasswordFile,
          strerror(errno));
     return -1;
   }
@@ -106,6 +127,8 @@ int WriteConf(const dovecotconf::AccessSettings &settings) {
     unlink(fresh.c_str());
     return -1;
   }
+  // A node that left its cluster keeps no password of it.
+  if (settings.syncAddress.empty()) unlink(dovecotconf::kDoveadmPasswordFile);
   return 0;
 }
 
@@ -137,6 +160,9 @@ int Write() {
   }
   if (settings.fts && settings.jieba) {
     NOTE("the jieba word splitter is on, but this node has no full-text search index for it");
+  }
+  if (!settings.noSyncListener.empty()) {
+    NOTE("no mailbox sync listener: %s", settings.noSyncListener.c_str());
   }
   LetUsersThrough(settings.mailDomainPath);
   mkdir(kLockDir, 0755);

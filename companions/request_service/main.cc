@@ -7,6 +7,8 @@
 // Methods of the api "KOLT.QuillonServer.Cluster":
 //   sync_conf_file  params dest_dir, file_onwer, file_group, file_perm; the file's content
 //                   follows the request and is stored under the base name of its "file_path".
+//   make_mail_dir   params user; makes that user's mail directory here, as the library would
+//                   (mode 0770, the user's own), before a peer syncs the user's mailbox into it.
 //
 // A request must carry a valid signature with the cluster's backend password. What a peer sends
 // is checked again here: only the known destination folders, plain file names, existing owners,
@@ -31,6 +33,7 @@
 
 #include <json/json.h>
 
+#include "core/mail_dir.h"
 #include "webapi/web_api_wire.h"
 
 namespace {
@@ -94,6 +97,76 @@ bool SafeDir(const std::string &dir) {
     }
   }
   return true;
+}
+
+// A user name as a peer may name one: what useradd and the directory services give, nothing that
+// could read as an option or a path.
+bool PlainUserName(const std::string &name) {
+  if (name.empty() || name.size() > 64 || name[0] == '-' || name[0] == '.') return false;
+  for (char c : name) {
+    if (!isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_' && c != '-' && c != '@') {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Whether `path` and every folder above it are root's and writable by nobody else, a link only
+// where root made it, so that nobody else can swap a part of it.
+bool RootsAlone(const std::string &path) {
+  for (size_t at = 1; at <= path.size(); ++at) {
+    if (at < path.size() && path[at] != '/') continue;
+    const std::string part = path.substr(0, at);
+    struct stat st;
+    if (lstat(part.c_str(), &st) != 0 || (S_ISLNK(st.st_mode) && st.st_uid != 0) ||
+        stat(part.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
+        (st.st_mode & 022) != 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Dovecot's sync server runs as the user, who may not create a folder in the account domain's
+// folder (root's, 0711): the directory is made here, by root, with the owner, group and mode the
+// library gives every mail directory. One that exists must be the user's own already.
+Failure MakeMailDir(const Json::Value &request) {
+  const Json::Value &params = request["params"];
+  if (!params.isObject() || !params["user"].isString() || request["size"].asUInt64() != 0) {
+    return {kBadRequest, "incomplete make_mail_dir request"};
+  }
+  const std::string name = params["user"].asString();
+  const passwd *user = PlainUserName(name) ? getpwnam(name.c_str()) : nullptr;
+  if (user == nullptr || user->pw_uid == 0) return {kRefused, "refused user"};
+  const uid_t uid = user->pw_uid;
+  const gid_t gid = user->pw_gid;
+  std::string path;
+  if (mailDirGet(uid, path) != 0) return {kWriteFailed, "no mail folder on this node"};
+  const std::string domainPath = path.substr(0, path.rfind('/'));
+  const std::string base = path.substr(path.rfind('/') + 1);
+  // The domain's folder as the configuration writer makes it: others may pass, not list.
+  mkdir(domainPath.c_str(), 0711);
+  if (!RootsAlone(domainPath)) return {kRefused, "refused mail folder " + domainPath};
+  const int parent = open(domainPath.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (parent < 0) return {kWriteFailed, "cannot open " + domainPath};
+  const bool made = mkdirat(parent, base.c_str(), 0700) == 0;
+  const int dir = openat(parent, base.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  close(parent);
+  struct stat st;
+  Failure failure = {0, ""};
+  if (dir < 0 || fstat(dir, &st) != 0) {
+    failure = {kWriteFailed, "cannot make " + path};
+  } else if (made) {
+    if (fchown(dir, uid, gid) != 0 || fchmod(dir, 0770) != 0) {
+      failure = {kWriteFailed, "cannot hand " + path + " to its user"};
+    } else {
+      syslog(LOG_INFO, "made the mail directory %s for a peer's sync", path.c_str());
+    }
+  } else if (st.st_uid != uid) {
+    failure = {kRefused, path + " belongs to another user"};
+  }
+  if (dir >= 0) close(dir);
+  return failure;
 }
 
 // Receives the body into a temporary file beside its place, checks its digest, and moves it in.
@@ -177,13 +250,15 @@ void Serve(int fd, const std::string &password) {
     Answer(fd, false, kRefused);
     return;
   }
+  const std::string method = request["method"].asString();
   if (request["api"].asString() != "KOLT.QuillonServer.Cluster" ||
-      request["method"].asString() != "sync_conf_file") {
+      (method != "sync_conf_file" && method != "make_mail_dir")) {
     Answer(fd, false, kBadRequest);
     return;
   }
-  const Failure failure = StoreFile(fd, request);
-  if (failure.code != 0) syslog(LOG_ERR, "sync_conf_file: %s", failure.why.c_str());
+  const Failure failure =
+      method == "make_mail_dir" ? MakeMailDir(request) : StoreFile(fd, request);
+  if (failure.code != 0) syslog(LOG_ERR, "%s: %s", method.c_str(), failure.why.c_str());
   Answer(fd, failure.code == 0, failure.code);
 }
 

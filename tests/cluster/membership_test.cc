@@ -238,5 +238,101 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   }
 }
 
+// Mailboxes of two members meet: each node's Dovecot opens the sync listener on its cluster
+// address only, and member sync-mail merges node 1's mailboxes with node 2's both ways, making a
+// user's directory on node 2 where it was missing. A wrong sync password fails the sync, and a
+// directory whose owner isn't the user its number names is nobody's mailbox.
+TEST(MembershipTest, MailboxesSyncBothWaysWithAPeer) {
+  const std::string dovecot = "/var/packages/Quillon-Server/target/scripts/daemon/dovecot.sh";
+  const std::string conf = "/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf";
+  const std::string secret = "/var/packages/Quillon-Server/target/etc/dovecot/doveadm_password";
+  NetworkNodes nodes(2);
+  Membership cluster(nodes);
+  SyslogCapture log;
+  cluster.Ctl(1, {"setup", "--address", NetworkNodes::Address(1)});
+  cluster.Join(2, {});
+  // Dovecot runs with IMAP and POP3 off: a member serves the sync all the same.
+  struct Stopper {
+    NetworkNodes &nodes;
+    std::string script;
+    ~Stopper() {
+      for (int node : {1, 2}) nodes.Run(node, {script, "stop"});
+    }
+  } stopper{nodes, dovecot};
+  for (int node : {1, 2}) {
+    ASSERT_EQ(nodes.Run(node, {dovecot, "start"}), 0) << node;
+    const std::string text = ReadFile(nodes.Path(node, conf));
+    EXPECT_NE(text.find("\nlisten = 127.0.0.1\n"), std::string::npos) << node;
+    EXPECT_NE(text.find("address = " + NetworkNodes::Address(node) + "\n    port = 24245\n"),
+              std::string::npos)
+        << text;
+    struct stat st;
+    ASSERT_EQ(stat(nodes.Path(node, secret).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_EQ(st.st_uid, 0u);
+  }
+  const std::string password = ReadFile(nodes.Path(1, secret));
+  EXPECT_EQ(password.size(), 64u);
+  EXPECT_EQ(ReadFile(nodes.Path(2, secret)), password) << "one password for the cluster";
+  EXPECT_EQ(ReadFile(nodes.Path(1, std::string(kEtc) + "backend.conf")).find(password),
+            std::string::npos)
+      << "not the backend password";
+
+  // Two users of the system: the first has mail on both nodes, the second on node 1 only; a third
+  // number names a directory that the first user made.
+  for (const char *name : {"qsvsyncone", "qsvsynctwo", "qsvsyncother"}) {
+    ASSERT_EQ(system(("/usr/sbin/useradd -M -p '*' " + std::string(name)).c_str()), 0) << name;
+  }
+  const passwd one = *getpwnam("qsvsyncone");
+  const uid_t two = getpwnam("qsvsynctwo")->pw_uid, other = getpwnam("qsvsyncother")->pw_uid;
+  const auto home = [&](int node, uid_t uid) {
+    return nodes.Path(node, "/var/spool/mail/local/" + std::to_string(uid));
+  };
+  // Mail delivered straight into the Maildir of user `uid` (the stray directory: of user one).
+  const auto deliver = [&](int node, uid_t uid, const std::string &id) {
+    const std::string dir = home(node, uid);
+    const passwd *owner = getpwuid(uid == other ? one.pw_uid : uid);
+    for (const std::string sub : {"", "/Maildir", "/Maildir/cur", "/Maildir/new", "/Maildir/tmp"}) {
+      mkdir((dir + sub).c_str(), 0770);
+      ASSERT_EQ(chown((dir + sub).c_str(), owner->pw_uid, owner->pw_gid), 0);
+    }
+    const std::string file = dir + "/Maildir/new/1700000000." + id + ".node" + std::to_string(node);
+    WriteFile(file, "From: a@example.com\nSubject: " + id + "\nMessage-ID: <" + id +
+                        "@example.com>\n\nbody " + id + "\n");
+    ASSERT_EQ(chown(file.c_str(), owner->pw_uid, owner->pw_gid), 0);
+  };
+  deliver(1, one.pw_uid, "first");
+  deliver(1, one.pw_uid, "second");
+  deliver(2, one.pw_uid, "third");
+  deliver(1, two, "only");
+  deliver(1, other, "stray");
+  const auto messages = [&](int node, const std::string &user) {
+    std::string out;
+    nodes.Run(node, {"/var/packages/Quillon-Server/target/bin/doveadm", "-c", conf, "mailbox",
+                     "status", "-u", user, "messages", "INBOX"},
+              out);
+    return out;
+  };
+
+  // A password that isn't the cluster's: refused by node 2, and nothing arrives.
+  WriteFile(nodes.Path(1, secret), std::string(64, '0'), 0600);
+  cluster.Ctl(1, {"member", "sync-mail", NetworkNodes::Address(2)}, 1);
+  EXPECT_EQ(messages(2, "qsvsyncone"), "INBOX messages=1");
+  EXPECT_FALSE(log.Matching("failed to sync the mailbox of qsvsyncone").empty());
+
+  WriteFile(nodes.Path(1, secret), password, 0600);
+  cluster.Ctl(1, {"member", "sync-mail", NetworkNodes::Address(2)});
+  for (int node : {1, 2}) {
+    EXPECT_EQ(messages(node, "qsvsyncone"), "INBOX messages=3") << node;
+    EXPECT_EQ(messages(node, "qsvsynctwo"), "INBOX messages=1") << node;
+  }
+  struct stat st;
+  ASSERT_EQ(lstat(home(2, two).c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0770u);
+  EXPECT_EQ(st.st_uid, two);
+  EXPECT_EQ(lstat(home(2, other).c_str(), &st), -1) << "a stray directory is nobody's mailbox";
+  EXPECT_FALSE(log.Matching("skipped /var/spool/mail/local/" + std::to_string(other)).empty());
+}
+
 }  // namespace
 }  // namespace qsvtest

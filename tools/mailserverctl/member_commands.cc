@@ -50,6 +50,7 @@ int MemberUsage() {
           "       mailserverctl member list\n"
           "       mailserverctl member check --address IP | --remove ID\n"
           "       mailserverctl member sync-spam IP\n"
+          "       mailserverctl member sync-mail IP\n"
           "       mailserverctl member readdress IP\n"
           "  (LIST: mailer,storager,balancer; all three by default)\n");
   return 2;
@@ -58,6 +59,12 @@ int MemberUsage() {
 bool IsAddress(const std::string &text) {
   unsigned char buf[16];
   return inet_pton(AF_INET, text.c_str(), buf) == 1 || inet_pton(AF_INET6, text.c_str(), buf) == 1;
+}
+
+// The mailbox sync takes the peer's address as an IPv4 literal.
+bool IsIPv4(const std::string &text) {
+  unsigned char buf[4];
+  return inet_pton(AF_INET, text.c_str(), buf) == 1;
 }
 
 bool IsNodeId(const std::string &text) {
@@ -445,6 +452,14 @@ int MemberCommand(const std::vector<std::string> &args) {
       return Error("the spam databases did not reach " + rest[0] + " (see the system log)");
     }
     printf("spam databases sent to %s\n", rest[0].c_str());
+    return 0;
+  }
+  if (args[0] == "sync-mail" && rest.size() == 1 && IsIPv4(rest[0])) {
+    KOLTMailNodeCluster node;
+    if (!node.syncMail(rest[0])) {
+      return Error("the mailboxes did not sync with " + rest[0] + " (see the system log)");
+    }
+    printf("mailboxes synced with %s\n", rest[0].c_str());
     return 0;
   }
   if (args[0] == "readdress" && rest.size() == 1 && IsAddress(rest[0])) return Readdress(rest[0]);

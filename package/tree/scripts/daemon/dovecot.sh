@@ -6,9 +6,12 @@
 #   dovecot.sh start|stop|restart|reload|status
 #
 # IMAP listens on 143 and POP3 on 110 of loopback while their switches are on; IMAPS (993) and
-# POP3S (995) need the certificate that the first start makes in etc/dovecot/ssl. With every
-# switch off there is nothing to serve: start leaves Dovecot stopped and succeeds, and reload
-# stops a running one (or, finding none, succeeds). A configuration that the writer refuses is never put in place: start then
+# POP3S (995) need the certificate that the first start makes in etc/dovecot/ssl. On a member
+# of a cluster of two or more, doveadm's server also listens on the node's cluster address (port
+# 24245), where the peers sync their mailboxes into this node's: Dovecot then runs even with IMAP
+# and POP3 off, since a member that can't take mailboxes would miss the mail its users get
+# elsewhere. With nothing of the three to serve, start leaves Dovecot stopped and succeeds, and
+# reload stops a running one (or, finding none, succeeds). A configuration that the writer refuses is never put in place: start then
 # fails, and reload fails with the running Dovecot left on its old configuration. status exits 0
 # only while our Dovecot runs and answers. Where Dovecot is not installed every word but stop
 # fails and says so.
@@ -139,9 +142,10 @@ write_config() {
     "$gen_conf" write </dev/null
 }
 
-# Whether the live configuration serves any protocol.
+# Whether the live configuration serves any protocol, or the cluster's mailbox sync.
 serves_something() {
-    [ -n "$("$doveconf" -c "$conf" -h protocols 2>/dev/null)" ]
+    [ -n "$("$doveconf" -c "$conf" -h protocols 2>/dev/null)" ] ||
+        [ "$(listener_port doveadm cluster_sync)" != 0 ]
 }
 
 start() {
@@ -150,7 +154,7 @@ start() {
     make_certificate
     write_config || { log "the configuration was refused; Dovecot is not started"; return 1; }
     if ! serves_something; then
-        log "IMAP and POP3 are both off; Dovecot is not started"
+        log "IMAP and POP3 are both off and no peer syncs mailboxes here; Dovecot is not started"
         return 0
     fi
     # The master leaves the foreground once its listeners are bound, or fails before.
@@ -182,7 +186,7 @@ reload() {
         # the first one stopped Dovecot because nothing is left to serve, the second one finds
         # the configuration taken up already.
         if write_config && ! serves_something; then
-            log "IMAP and POP3 are both off; Dovecot stays stopped"
+            log "IMAP and POP3 are both off and no peer syncs mailboxes here; Dovecot stays stopped"
             return 0
         fi
         log "Dovecot is not running; nothing to reload"
@@ -190,7 +194,7 @@ reload() {
     fi
     write_config || { log "the configuration was refused; Dovecot keeps the old one"; return 1; }
     if ! serves_something; then
-        log "IMAP and POP3 are both off now; Dovecot stops"
+        log "IMAP and POP3 are both off now and no peer syncs mailboxes here; Dovecot stops"
         stop
         return 0
     fi

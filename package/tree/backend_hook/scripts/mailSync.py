@@ -1,0 +1,285 @@
+#!/usr/bin/python3
+"""Syncs this node's mailboxes with a peer of the cluster, both ways.
+
+    mailSync.py -d SMTP_DOMAIN -s PEER_ADDRESS -p PORT
+
+For every user whose mail directory lies on this node, Dovecot's doveadm syncs the mailbox with
+the doveadm server of the peer (PEER_ADDRESS:PORT, the cluster's sync listener that the peer's
+Dovecot opens on its cluster address): what either side lacks, it gets, so a new member receives
+everything. Where both nodes gave the user an INBOX of their own, the peer's takes the GUID of
+ours first, so that dsync merges the two. The peer's Dovecot works as the user, who can't make a directory in the account
+domain's folder there; the peer's request service makes it first, as root.
+
+A mail directory counts only when it is /var/spool/mail/<account domain>/<uid>, a user of the
+system has that uid and owns it, and Dovecot's own userdb gives that user that very directory as
+home: a folder someone made under another number is nobody's mailbox.
+
+One line per user goes to the system log (facility mail). Exit 0 when every mailbox synced, 1 when
+one didn't or the arguments are wrong, with the reason on standard error.
+"""
+import hashlib
+import hmac
+import json
+import os
+import pwd
+import re
+import socket
+import stat
+import subprocess
+import sys
+import syslog
+import time
+
+TARGET = "/var/packages/Quillon-Server/target"
+DOVEADM = TARGET + "/bin/doveadm"
+DOVECOT_CONF = TARGET + "/etc/dovecot/dovecot.conf"
+BACKEND_CONF = "/var/packages/Quillon-Server/etc/backend.conf"
+REQUEST_PORT = 8503
+# doveadm sync's status when the mailbox changed while it ran: the sync is to be run again.
+SYNC_AGAIN = 2
+SYNC_TRIES = 3
+
+# The configuration writer puts the domain's folder into the userdb as
+# "override_fields = home=<folder>/%{userdb:uid}", with no other characters than these.
+HOME_RULE = re.compile(r"^\s*override_fields\s*=\s*home=(/[A-Za-z0-9._/-]+)/%\{userdb:uid\}\s*$",
+                       re.M)
+HOST_LABEL = re.compile(r"^[A-Za-z0-9]([A-Za-z0-9-]{0,61}[A-Za-z0-9])?$")
+USER_NAME = re.compile(r"^[A-Za-z0-9_][A-Za-z0-9._@-]{0,63}$")
+
+
+class Refused(Exception):
+    pass
+
+
+def log(priority, text):
+    syslog.syslog(priority, text)
+
+
+def host_name(text):
+    if not text or len(text) > 253 or not all(HOST_LABEL.match(p) for p in text.split(".")):
+        raise Refused("-d takes a plain host name, not %r" % text[:80])
+    return text
+
+
+def ipv4_address(text):
+    try:
+        packed = socket.inet_pton(socket.AF_INET, text)
+    except (OSError, ValueError):
+        packed = None
+    # Only the form inet_ntop gives back: no leading zeros that some read as octal.
+    if packed is None or socket.inet_ntop(socket.AF_INET, packed) != text:
+        raise Refused("-s takes an IPv4 address, not %r" % text[:80])
+    return text
+
+
+def port_number(text):
+    if not text.isascii() or not text.isdigit() or len(text) > 5 or not 1 <= int(text) <= 65535:
+        raise Refused("-p takes a port from 1 to 65535, not %r" % text[:80])
+    return int(text)
+
+
+def parse_arguments(argv):
+    checks = {"-d": host_name, "-s": ipv4_address, "-p": port_number}
+    values = {}
+    if len(argv) != 6:
+        return None
+    for flag, value in zip(argv[0::2], argv[1::2]):
+        if flag not in checks or flag in values:
+            return None
+        values[flag] = checks[flag](value)
+    return values
+
+
+def roots_alone(path):
+    """Whether path and every folder above it are root's and writable by nobody else; a link
+    only where root made it (Debian's /var/spool/mail is one)."""
+    parts = path.strip("/").split("/")
+    for i in range(1, len(parts) + 1):
+        part = "/" + "/".join(parts[:i])
+        try:
+            link = os.lstat(part)
+            st = os.stat(part)
+        except OSError:
+            return False
+        if (stat.S_ISLNK(link.st_mode) and link.st_uid != 0) or not stat.S_ISDIR(st.st_mode) \
+                or st.st_uid != 0 or st.st_mode & 0o022:
+            return False
+    return True
+
+
+def domain_folder():
+    """The folder the users' mail directories lie in, as this node's Dovecot has it."""
+    try:
+        with open(DOVECOT_CONF, encoding="utf-8") as f:
+            found = HOME_RULE.findall(f.read())
+    except (OSError, UnicodeDecodeError) as e:
+        raise Refused("cannot read Dovecot's configuration %s: %s" % (DOVECOT_CONF, e))
+    if len(found) != 1 or ".." in found[0].split("/"):
+        raise Refused("Dovecot's configuration %s names no mail folder" % DOVECOT_CONF)
+    if not roots_alone(found[0]):
+        raise Refused("the mail folder %s is missing or not root's alone" % found[0])
+    return found[0]
+
+
+def run(argv):
+    """argv's exit status and its last words on standard error, in a clean environment."""
+    done = subprocess.run(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
+                          close_fds=True)
+    words = " ".join(done.stderr.decode("utf-8", "replace").split())
+    return done.returncode, done.stdout.decode("utf-8", "replace").strip(), words[-300:]
+
+
+def dovecot_home(name):
+    rc, out, _ = run([DOVEADM, "-c", DOVECOT_CONF, "user", "-f", "home", name])
+    return out if rc == 0 else None
+
+
+def mailboxes(folder):
+    """(name, uid) of every user whose mail directory in folder is truly theirs."""
+    found = []
+    with os.scandir(folder) as entries:
+        for entry in entries:
+            name = entry.name
+            if not name.isascii() or not name.isdigit() or name != str(int(name)):
+                continue
+            uid = int(entry.name)
+            path = folder + "/" + entry.name
+            try:
+                user = pwd.getpwuid(uid)
+            except KeyError:
+                log(syslog.LOG_WARNING, "skipped %s: no user has the number %d" % (path, uid))
+                continue
+            try:
+                st = os.lstat(path)
+            except OSError:
+                continue
+            if uid == 0 or not stat.S_ISDIR(st.st_mode) or st.st_uid != uid:
+                log(syslog.LOG_WARNING, "skipped %s: it isn't a directory of user %d's own"
+                    % (path, uid))
+                continue
+            if not USER_NAME.match(user.pw_name):
+                log(syslog.LOG_WARNING, "skipped %s: its user's name %r can't be synced"
+                    % (path, user.pw_name))
+                continue
+            if dovecot_home(user.pw_name) != path:
+                log(syslog.LOG_WARNING, "skipped %s: Dovecot gives %s another home"
+                    % (path, user.pw_name))
+                continue
+            found.append((user.pw_name, uid))
+    return sorted(found, key=lambda user: user[1])
+
+
+def backend_password():
+    try:
+        with open(BACKEND_CONF, encoding="utf-8") as f:
+            password = json.load(f).get("password")
+    except (OSError, ValueError, AttributeError):
+        password = None
+    if not isinstance(password, str) or not password:
+        raise Refused("cannot read the cluster's password from %s" % BACKEND_CONF)
+    return password
+
+
+def make_peer_mail_dir(password, peer, name):
+    """Asks the peer's request service for the user's mail directory; None, or why it failed."""
+    header = {
+        "api": "KOLT.QuillonServer.Cluster", "version": 1, "method": "make_mail_dir",
+        "params": {"user": name}, "time": int(time.time()), "nonce": os.urandom(16).hex(),
+        "size": 0, "sha256": hashlib.sha256(b"").hexdigest(),
+    }
+    line = json.dumps(header, separators=(",", ":"))
+    mac = hmac.new(password.encode(), line.encode(), hashlib.sha256).hexdigest()
+    try:
+        with socket.create_connection((peer, REQUEST_PORT), timeout=60) as s:
+            s.sendall((line + "\n" + mac + "\n").encode())
+            answer = s.makefile("rb").readline(65536)
+        reply = json.loads(answer)
+    except (OSError, ValueError) as e:
+        return "the request service of %s did not answer: %s" % (peer, e)
+    if not isinstance(reply, dict) or reply.get("success") is not True:
+        error = reply.get("error") if isinstance(reply, dict) else None
+        code = error.get("code") if isinstance(error, dict) else None
+        return "the request service of %s refused it (code %s)" % (peer, code)
+    return None
+
+
+def inbox_guid(name, server=None):
+    """The GUID of the user's INBOX here, or at server ("ADDRESS:PORT"); None when unknown."""
+    argv = [DOVEADM, "-c", DOVECOT_CONF, "-f", "flow", "mailbox", "status", "-u", name]
+    argv += ["-S", server] if server else []
+    rc, out, _ = run(argv + ["guid", "INBOX"])
+    found = re.search(r"\bguid=([0-9a-f]{32})\b", out) if rc == 0 else None
+    return found.group(1) if found else None
+
+
+def align_inbox(name, peer, port):
+    """Gives the peer's INBOX the GUID of ours. Both nodes made an INBOX of their own when mail
+    reached the user on each; dsync can merge two mailboxes of one name with different GUIDs,
+    but not INBOX, which it can't rename aside: it then ends every run with a desync."""
+    server = "%s:%d" % (peer, port)
+    ours = inbox_guid(name)
+    theirs = inbox_guid(name, server)
+    if ours is None or theirs is None or ours == theirs:
+        return
+    run([DOVEADM, "-c", DOVECOT_CONF, "mailbox", "update", "-S", server, "-u", name,
+         "--mailbox-guid", ours, "INBOX"])
+
+
+def sync(name, peer, port):
+    """None when the mailbox synced, else why not."""
+    align_inbox(name, peer, port)
+    argv = [DOVEADM, "-c", DOVECOT_CONF, "sync", "-u", name, "tcp:%s:%d" % (peer, port)]
+    for _ in range(SYNC_TRIES):
+        rc, _, words = run(argv)
+        if rc != SYNC_AGAIN:
+            break
+    return None if rc == 0 else "doveadm sync exited with %d: %s" % (rc, words or "no message")
+
+
+def main(argv):
+    try:
+        args = parse_arguments(argv)
+    except Refused as e:
+        print("mailSync.py: %s" % e, file=sys.stderr)
+        return 1
+    if args is None:
+        print("usage: mailSync.py -d SMTP_DOMAIN -s PEER_ADDRESS -p PORT", file=sys.stderr)
+        return 1
+    syslog.openlog("mailSync.py", syslog.LOG_PID, syslog.LOG_MAIL)
+    peer, port = args["-s"], args["-p"]
+    try:
+        if os.geteuid() != 0:
+            raise Refused("must run as root")
+        folder = domain_folder()
+        password = backend_password()
+        users = mailboxes(folder)
+    except Refused as e:
+        print("mailSync.py: %s" % e, file=sys.stderr)
+        log(syslog.LOG_ERR, "no mailbox synced with %s: %s" % (peer, e))
+        return 1
+    log(syslog.LOG_INFO, "syncing %d mailboxes of %s with %s:%d (mail domain %s)"
+        % (len(users), folder, peer, port, args["-d"]))
+    failed = 0
+    for name, uid in users:
+        why = make_peer_mail_dir(password, peer, name)
+        if why is not None:
+            # The directory may be there already; the sync tells.
+            log(syslog.LOG_WARNING, "mail directory of %s on %s not made: %s" % (name, peer, why))
+        why = sync(name, peer, port)
+        if why is None:
+            log(syslog.LOG_INFO, "synced the mailbox of %s (uid %d) with %s:%d"
+                % (name, uid, peer, port))
+        else:
+            failed += 1
+            log(syslog.LOG_ERR, "failed to sync the mailbox of %s (uid %d) with %s:%d: %s"
+                % (name, uid, peer, port, why))
+    if failed:
+        print("mailSync.py: %d of %d mailboxes did not sync with %s (see the system log)"
+              % (failed, len(users), peer), file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
