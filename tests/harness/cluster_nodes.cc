@@ -170,8 +170,14 @@ NetworkNodes::~NetworkNodes() {
   for (size_t i = 0; i < pids_.size(); ++i) {
     Run(static_cast<int>(i) + 1, {kClusterDaemon, "stop"});
   }
+  const size_t count = pids_.size();
   KillAll();
   int status = 0;
+  // The kernel tears a dead namespace down in the background, its end of a veth with it: our
+  // ends go now, so that the next test's nodes can have the same names at once.
+  for (size_t node = 1; node <= count; ++node) {
+    waitpid(Spawn({"ip", "link", "del", "qsvveth" + std::to_string(node)}), &status, 0);
+  }
   waitpid(Spawn({"ip", "link", "del", "qsvbr0"}), &status, 0);
 }
 
