@@ -108,6 +108,9 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   SyslogCapture log;
   cluster.Ctl(1, {"setup", "--address", NetworkNodes::Address(1)});
   cluster.Join(2, {});
+  // A file spread before node 3 joins, which node 3 therefore lacks: the alias database.
+  cluster.Ctl(1, {"domain", "add", "example.com"});
+  cluster.Ctl(1, {"alias", "add", "example.com", "oncall", "dave@example.org"});
   cluster.Join(3, {"--roles", "mailer", "--weight", "0"});
   const std::string id1 = cluster.Id(1), id2 = cluster.Id(2), id3 = cluster.Id(3);
   ASSERT_FALSE(id1.empty() || id2.empty() || id3.empty());
@@ -166,16 +169,35 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
                             id3 + "|")
                    .empty());
 
-  // The spam databases this node learnt reach a new member through its request service, owned
-  // as the filter there needs them.
+  // The spam databases this node learnt reach the new member through its request service, owned
+  // as the filter there needs them, and the files spread before it joined are sent again.
   mkdir("/volume1/Quillon", 0755);
   mkdir("/volume1/Quillon/spamassassin", 0755);
   for (const char *name : {"bayes_toks", "bayes_seen", "tx-reputation"}) {
     WriteFile("/volume1/Quillon/spamassassin/" + std::string(name), std::string(name) + " data");
   }
-  cluster.Ctl(1, {"member", "sync-spam", NetworkNodes::Address(2)});
+  const auto members3 = [&] {
+    std::string out;
+    nodes.Run(3, {Ctl(), "alias", "members", "example.com", "oncall"}, out);
+    return out;
+  };
+  EXPECT_EQ(members3().find("dave"), std::string::npos);
+  // A record planted in the store names a file outside the synced folders: never sent.
+  cluster.Redis(1, {"set", "mailserver/file/planted_db",
+                    "{\"senderID\":\"x\",\"srcFilePath\":\"/etc/shadow\",\"dstFilePath\":"
+                    "\"/etc/shadow\",\"timestamp\":\"1\",\"fileContentKey\":\"c\",\"taskQueueKey\""
+                    ":\"t\",\"randNum\":0,\"pathInfo\":{}}"});
+  cluster.Ctl(1, {"member", "sync-config", NetworkNodes::Address(3)});
+  EXPECT_FALSE(log.Matching("skipped planted_db: the file lies outside").empty());
+  bool aliasArrived = false;
+  for (int i = 0; i < 100 && !aliasArrived; ++i) {
+    aliasArrived = members3().find("dave") != std::string::npos;
+    if (!aliasArrived) usleep(100000);
+  }
+  EXPECT_TRUE(aliasArrived);
+  EXPECT_FALSE(log.Matching("again under mailserver_alias_db").empty());
   struct stat st;
-  const std::string received = nodes.Path(2, "/var/spool/mail/spamassassin/bayes_toks");
+  const std::string received = nodes.Path(3, "/var/spool/mail/spamassassin/bayes_toks");
   EXPECT_EQ(ReadFile(received), "bayes_toks data");
   ASSERT_EQ(stat(received.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0640u);
@@ -252,13 +274,6 @@ TEST(MembershipTest, MailboxesSyncBothWaysWithAPeer) {
   cluster.Ctl(1, {"setup", "--address", NetworkNodes::Address(1)});
   cluster.Join(2, {});
   // Dovecot runs with IMAP and POP3 off: a member serves the sync all the same.
-  struct Stopper {
-    NetworkNodes &nodes;
-    std::string script;
-    ~Stopper() {
-      for (int node : {1, 2}) nodes.Run(node, {script, "stop"});
-    }
-  } stopper{nodes, dovecot};
   for (int node : {1, 2}) {
     ASSERT_EQ(nodes.Run(node, {dovecot, "start"}), 0) << node;
     const std::string text = ReadFile(nodes.Path(node, conf));

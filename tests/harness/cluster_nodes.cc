@@ -23,6 +23,7 @@ namespace {
 const char kNodeScript[] = QSV_HARNESS_DIR "/cluster_node";
 const char kNetworkNodeScript[] = QSV_HARNESS_DIR "/network_node";
 const char kClusterDaemon[] = "/var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh";
+const char kDovecotDaemon[] = "/var/packages/Quillon-Server/target/scripts/daemon/dovecot.sh";
 const char kWatcherPid[] = "/run/quillon_server/key_watcher.pid";
 const char kMirrors[] = "/var/packages/Quillon-Server/etc/mailconf.d/";
 
@@ -167,7 +168,10 @@ NetworkNodes::NetworkNodes(int count) {
 }
 
 NetworkNodes::~NetworkNodes() {
+  // A member's watcher starts Dovecot for the mailbox sync; it leaves the namespaces only
+  // through its own stop.
   for (size_t i = 0; i < pids_.size(); ++i) {
+    Run(static_cast<int>(i) + 1, {kDovecotDaemon, "stop"});
     Run(static_cast<int>(i) + 1, {kClusterDaemon, "stop"});
   }
   const size_t count = pids_.size();

@@ -51,6 +51,7 @@ int MemberUsage() {
           "       mailserverctl member check --address IP | --remove ID\n"
           "       mailserverctl member sync-spam IP\n"
           "       mailserverctl member sync-mail IP\n"
+          "       mailserverctl member sync-config IP\n"
           "       mailserverctl member readdress IP\n"
           "  (LIST: mailer,storager,balancer; all three by default)\n");
   return 2;
@@ -452,6 +453,15 @@ int MemberCommand(const std::vector<std::string> &args) {
       return Error("the spam databases did not reach " + rest[0] + " (see the system log)");
     }
     printf("spam databases sent to %s\n", rest[0].c_str());
+    return 0;
+  }
+  if (args[0] == "sync-config" && rest.size() == 1 && IsAddress(rest[0])) {
+    KOLTMailNodeCluster node;
+    if (!node.syncConfig(rest[0], "", "", "", 0)) {
+      return Error("the spam databases or the synced files did not reach " + rest[0] +
+                   " (see the system log)");
+    }
+    printf("spam databases and synced files sent to %s\n", rest[0].c_str());
     return 0;
   }
   if (args[0] == "sync-mail" && rest.size() == 1 && IsIPv4(rest[0])) {

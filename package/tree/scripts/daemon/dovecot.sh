@@ -185,9 +185,19 @@ reload() {
         # Two appliers may meet here (the writer of a change and this node's key watcher): when
         # the first one stopped Dovecot because nothing is left to serve, the second one finds
         # the configuration taken up already.
-        if write_config && ! serves_something; then
-            log "IMAP and POP3 are both off and no peer syncs mailboxes here; Dovecot stays stopped"
-            return 0
+        if write_config; then
+            if ! serves_something; then
+                log "IMAP and POP3 are both off and no peer syncs mailboxes here; Dovecot stays stopped"
+                return 0
+            fi
+            # With IMAP and POP3 off only the mailbox sync is left to serve: this node has just
+            # become a member of a larger cluster (its watcher reloads for that), and it must
+            # take its peers' mailboxes. Dovecot stopped with IMAP or POP3 on was stopped on
+            # purpose, and a reload doesn't undo that.
+            if [ -z "$("$doveconf" -c "$conf" -h protocols 2>/dev/null)" ]; then
+                start
+                return
+            fi
         fi
         log "Dovecot is not running; nothing to reload"
         return 1
