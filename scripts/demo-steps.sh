@@ -439,6 +439,18 @@ echo "Node 2 joins with every role, node 3 as a mailer of weight 0: a ticket mad
 show "$ctl" member add --address 10.77.0.2 --ticket /tmp/ticket-2
 echo '$ (node 2)' "$ctl" member join --ticket /tmp/ticket-2
 on 2 "$ctl" member join --ticket /tmp/ticket-2
+# A membership change waits until every node has taken up the last one (its sync flags lowered).
+settled() {
+    local i
+    for ((i = 0; i < 600; i++)); do
+        [ -z "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 --scan --pattern 'service_change/*')" ] &&
+            return 0
+        sleep 0.1
+    done
+    echo "the nodes did not take up the change within a minute" >&2
+    return 1
+}
+settled
 show "$ctl" member add --address 10.77.0.3 --ticket /tmp/ticket-3 --roles mailer --weight 0
 echo '$ (node 3)' "$ctl" member join --ticket /tmp/ticket-3
 on 3 "$ctl" member join --ticket /tmp/ticket-3
@@ -470,10 +482,7 @@ done
 echo '$ (node 3)' "$ctl" alias members example.com oncall
 on 3 "$ctl" alias members example.com oncall
 echo "The services of each node took the changes up and lowered their sync flags:"
-for ((i = 0; i < 150; i++)); do
-    [ -z "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 --scan --pattern 'service_change/*')" ] && break
-    sleep 0.1
-done
+settled || true
 printf 'pending service syncs: %s\n' "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 --scan --pattern 'service_change/*' | wc -l)"
 id3=$(on 3 "$tool" conf-value --file "$conf/local_id_file" --member id)
 echo "Node 3 leaves; this node keeps the store's master role and node 2 stays its replica:"
@@ -482,7 +491,12 @@ show "$ctl" member list
 for n in 1 2; do replication "$n"; done
 printf 'node_ip_list of node 3 in the store: %s\n' \
     "$(REDISCLI_AUTH=$pass "$redis_cli" -p 8500 exists "mailserver/cluster/node_ip_list-$id3")"
-for n in 2 3; do on "$n" /var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh stop; done
+# The members' Dovecots served the mailbox sync alone (IMAP and POP3 are off by now).
+/var/packages/Quillon-Server/target/scripts/daemon/dovecot.sh stop
+for n in 2 3; do
+    on "$n" /var/packages/Quillon-Server/target/scripts/daemon/dovecot.sh stop
+    on "$n" /var/packages/Quillon-Server/target/scripts/ClusterDaemon.sh stop
+done
 kill "${node_pid[2]}" "${node_pid[3]}"
 ip link del qsvbr0
 

@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <ctime>
 
 #include "store_link.h"
@@ -15,6 +16,10 @@ namespace {
 
 // A receiver that failed keeps its task; it is tried again this often even without an event.
 constexpr int kRetrySeconds = 30;
+
+// Made once the first catch-up is done: whoever restarts the watcher (a node joining, an address
+// changing) waits for it before it tells its caller that the node's settings are there.
+const char kReadyFile[] = "/var/run/quillon_server/key_watcher.ready";
 
 // A stop request is honoured between two events, never inside one: a watcher killed while it
 // holds a file's upload lock would leave the lock behind for a day, and the file with it.
@@ -44,6 +49,7 @@ int main() {
     keywatcher::Watcher watcher(reader.get());
     watcher.CatchUpMirrors();
     watcher.CatchUpFiles();
+    if (FILE *ready = fopen(kReadyFile, "w")) fclose(ready);
     time_t lastCatchUp = time(nullptr);
     while (!stopping) {
       std::string key, event;
@@ -59,5 +65,6 @@ int main() {
     syslog(LOG_WARNING, "lost the key store; reconnecting");
     sleep(1);
   }
+  unlink(kReadyFile);
   return 0;
 }

@@ -242,7 +242,11 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   EXPECT_EQ(cluster.Ctl(3, {"conf", "get", "cluster_peers"}), id2 + " " + id3);
 
   // Node 3's address changes: once it has regenerated the map, node 2 knows the new address and
-  // both are healthy again.
+  // both are healthy again, and the Dovecot that node 3's watcher started when it joined (for the
+  // mailbox sync alone, IMAP and POP3 being off) listens on the new address.
+  const std::string dovecotConf = "/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf";
+  EXPECT_NE(ReadFile(nodes.Path(3, dovecotConf)).find("address = 10.77.0.3\n"), std::string::npos)
+      << ReadFile(nodes.Path(3, dovecotConf));
   nodes.Run(3, {"ip", "addr", "del", "10.77.0.3/24", "dev", "eth0"});
   nodes.Run(3, {"ip", "addr", "add", "10.77.0.13/24", "dev", "eth0"});
   cluster.Ctl(3, {"member", "readdress", "10.77.0.13"});
@@ -253,6 +257,7 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
     if (!known) usleep(50000);
   }
   EXPECT_TRUE(known);
+  EXPECT_NE(ReadFile(nodes.Path(3, dovecotConf)).find("address = 10.77.0.13\n"), std::string::npos);
   for (int node : {2, 3}) {
     EXPECT_NE(cluster.Ctl(node, {"cluster", "status"}).find("healthy:         yes"),
               std::string::npos)

@@ -14,6 +14,7 @@
 #include <json/json.h>
 
 #include "cluster/mailserver_cluster.h"
+#include "config/imap_pop3.h"
 #include "config/mail_conf.h"
 #include "config/version.h"
 #include "core/mail_conf.h"
@@ -269,6 +270,19 @@ bool ReadTicket(const std::string &path, Json::Value &ticket, MemberConfig &conf
 // A replica's first copy of the store raises no key events, so its watcher has mirrored nothing
 // yet: the lists this node is about to extend are read from the store itself, and the watcher,
 // restarted, catches up on the rest.
+// The membership writes of this command raised the services' sync flags for this node too, and
+// its watcher leaves a flag raised here to the writer: Dovecot's mailbox sync listener follows
+// the membership (a member of two or more nodes listens on its cluster address), so the writer
+// reloads it. A Dovecot stopped on purpose stays stopped and is no failure.
+void ApplyMembershipHere(const char *command) {
+  if (ImapPop3::Service("reload") != 0 && ImapPop3::Service("status") == 0) {
+    fprintf(stderr,
+            "mailserverctl: member %s: Dovecot did not take up the membership; peers can't sync "
+            "mailboxes here until it is reloaded\n",
+            command);
+  }
+}
+
 bool CatchUp(KOLTMailNodeCluster &node) {
   for (const char *key : {"cluster_peers", "consul_peers", "mailer", "storager", "balancer",
                           "mailer_weight_list", "balancer_master_node"}) {
@@ -325,6 +339,7 @@ int Join(const std::string &path) {
     joined.memberAddRestore(idIpMap, config.id, role, configDone, config);
     return Error("the node did not join; what was added was taken back (see the system log)");
   }
+  ApplyMembershipHere("join");
   printf("%s joined; its key store follows %s\n", config.id.c_str(),
          idIpMap[ticket["master"].asString()].c_str());
   return 0;
@@ -377,6 +392,7 @@ int Del(const std::string &id) {
   }
   // The file buffer follows the master balancer, which may now be this node.
   KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0);
+  ApplyMembershipHere("del");
   printf("%s removed; this node holds the key store's master role\n", id.c_str());
   return 0;
 }
@@ -400,6 +416,8 @@ int Readdress(const std::string &address) {
   if (KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0) != 0) {
     return Error("the daemons did not start again on the new address");
   }
+  // The mailbox sync listens on the node's cluster address.
+  ApplyMembershipHere("readdress");
   printf("%s is now %s on every node\n", node.getHostID().c_str(), address.c_str());
   return 0;
 }

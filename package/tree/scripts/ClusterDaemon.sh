@@ -27,6 +27,7 @@ request_service=$target/usr/bin/kolt-quillon-server-request-service
 redis_pid=$run/redis.pid
 memcached_pid=$run/file_buffer_memcached.pid
 watcher_pid=$run/key_watcher.pid
+watcher_ready=$run/key_watcher.ready
 request_pid=$run/request_service.pid
 
 redis_port=8500
@@ -203,6 +204,19 @@ start_watcher() {
 
 stop_watcher() {
     stop_by_pid_file "$watcher_pid" "${watcher##*/}"
+    rm -f "$watcher_ready"
+}
+
+# Waits up to $1 seconds for the watcher's first catch-up (the mirrors of every setting, the
+# services' flags, the files queued for this node).
+wait_watcher_ready() {
+    local i
+    for ((i = 0; i < $1 * 10; i++)); do
+        [ -e "$watcher_ready" ] && return 0
+        sleep 0.1
+    done
+    log "the key watcher has not caught up within $1 s"
+    return 1
 }
 
 # The service that answers other nodes' requests (files they send this node).
@@ -363,6 +377,8 @@ case $1 in
         if [ -x "$watcher" ]; then
             stop_watcher
             start_watcher
+            # The caller goes on with this node's settings in place, a joining node's above all.
+            wait_watcher_ready 60
         fi
         exit 0
         ;;
