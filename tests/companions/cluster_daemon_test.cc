@@ -151,7 +151,11 @@ TEST_F(ClusterDaemonTest, ReplicaPassesStatusOnlyWhileLinkedToItsMaster) {
 TEST_F(ClusterDaemonTest, KeyWatcherRunsWhenInstalled) {
   WriteRedisConf();
   ASSERT_EQ(Daemon("watch_restart"), 0) << "no watcher installed is no error";
-  WriteFile(kWatcher, "#!/bin/sh\nwhile :; do sleep 1; done\n", 0755);
+  // Like the real one, it says when it has caught up; watch_restart waits for that.
+  WriteFile(kWatcher,
+            "#!/bin/sh\ntouch /var/run/quillon_server/key_watcher.ready\n"
+            "while :; do sleep 1; done\n",
+            0755);
 
   ASSERT_EQ(Daemon("start"), 0);
   const pid_t first = PidIn(kWatcherPid);
@@ -161,6 +165,7 @@ TEST_F(ClusterDaemonTest, KeyWatcherRunsWhenInstalled) {
   EXPECT_TRUE(Alive(second) && !Alive(first));
   EXPECT_EQ(Daemon("stop"), 0);
   EXPECT_FALSE(Alive(second));
+  EXPECT_NE(access("/var/run/quillon_server/key_watcher.ready", F_OK), 0);
 }
 
 }  // namespace
