@@ -102,12 +102,19 @@ TEST(MailConfGetTest, ReadsTheMemberOfTheFullNameMissingIsEmptyDamagedFails) {
   WriteConf("mapping_table", "{\"mapping_table/mailserver_id-1\":\"10.0.0.1\"}\n");
   WriteConf("smtp_banner", "{\"something_else\":\"x\"}\n");
   WriteConf("smtp_helo", "{\"mailserver/conf/smtp_helo\":");
+  // The writer's plain form, with and without its newline, and forms that need unescaping.
+  WriteConf("smtp_plain", "{\"mailserver/conf/smtp_plain\":\"ESMTP ready\"}");
+  WriteConf("smtp_empty", "{\"mailserver/conf/smtp_empty\":\"\"}\n");
+  WriteConf("smtp_escaped", "{\"mailserver/conf/smtp_escaped\":\"a\\\"b\\\\c\\u00e9\"}\n");
+  WriteConf("smtp_cut", "{\"mailserver/conf/smtp_cut\":\"abc\"");
   struct {
     const char *key, *value;
     int rc;
   } cases[] = {{"smtp_port", "2525", 0},          {"mailserver/conf/smtp_port", "2525", 0},
                {"mailserver_id-1", "10.0.0.1", 0}, {"never_written_key", "", 0},
-               {"smtp_banner", "", 0},             {"smtp_helo", "", -1}};
+               {"smtp_banner", "", 0},             {"smtp_helo", "", -1},
+               {"smtp_plain", "ESMTP ready", 0},   {"smtp_empty", "", 0},
+               {"smtp_escaped", "a\"b\\c\xc3\xa9", 0}, {"smtp_cut", "", -1}};
   for (auto &c : cases) {
     std::string value = "stale";
     EXPECT_EQ(mailConfGet(c.key, value) < 0 ? -1 : 0, c.rc) << c.key;
