@@ -4,6 +4,7 @@
 #include <ifaddrs.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/any.hpp>
@@ -139,6 +140,13 @@ bool AssignedHere(const std::string &address) {
   return found;
 }
 
+// Whether `path` is a file root alone may change; with `secret`, one only root may read too.
+bool RootsFile(const char *path, bool secret) {
+  struct stat st;
+  return lstat(path, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == 0 &&
+         (st.st_mode & (secret ? 077 : 022)) == 0;
+}
+
 // The sync listener's address and password, when this node is one of at least two members: a
 // node alone has nobody to sync with and opens no port for it.
 void ReadSyncSettings(AccessSettings &settings) {
@@ -161,6 +169,15 @@ void ReadSyncSettings(AccessSettings &settings) {
   if (!AssignedHere(address)) {
     settings.noSyncListener = "this node's cluster address " + address + " is on none of its "
                               "interfaces";
+    return;
+  }
+  // Mail crosses the cluster's network only inside TLS: without this node's certificate there is
+  // no listener, rather than one in clear, which members would refuse anyway.
+  if (!RootsFile(kNodeCertFile, false) || !RootsFile(kNodeKeyFile, true) ||
+      !RootsFile(kClusterCaFile, false)) {
+    settings.noSyncListener = std::string("no certificate of the cluster's CA for this node (") +
+                              kNodeCertFile + " and " + kNodeKeyFile + ", root's, the key 0600, "
+                              "and " + kClusterCaFile + ")";
     return;
   }
   const std::string backendPassword = webapi::BackendPassword();
@@ -234,11 +251,17 @@ std::string ConfText(const AccessSettings &s) {
   // Loopback only: no setting yet says which of the node's addresses may serve mail access.
   text += "listen = 127.0.0.1\n";
   text += "protocols =" + protocols + "\n";
-  text += "ssl = " + yesNo(s.haveCertificate) + "\n";
+  // Dovecot turns every listener's TLS off with a global "no", the sync listener's too; without
+  // a certificate of their own IMAP and POP3 keep theirs off in their protocol blocks instead.
+  const bool sync = !s.syncAddress.empty();
+  text += "ssl = " + yesNo(s.haveCertificate || sync) + "\n";
   if (s.haveCertificate) {
     text += std::string("ssl_cert = <") + kCertFile + "\n";
     text += std::string("ssl_key = <") + kKeyFile + "\n";
-    text += "ssl_min_protocol = TLSv1.2\n";
+  }
+  if (s.haveCertificate || sync) text += "ssl_min_protocol = TLSv1.2\n";
+  if (sync && !s.haveCertificate) {
+    text += "protocol imap {\n  ssl = no\n}\nprotocol pop3 {\n  ssl = no\n}\n";
   }
   // Dovecot counts a connection from this machine as secured, so the switch only ever shuts out
   // clear-text passwords that crossed a network.
@@ -282,8 +305,12 @@ std::string ConfText(const AccessSettings &s) {
     // the user is proxied elsewhere, which PAM can't answer.
     text += "service doveadm {\n"
             "  inet_listener cluster_sync {\n    address = " + s.syncAddress +
-            "\n    port = " + syncPort + "\n  }\n"
+            "\n    port = " + syncPort + "\n    ssl = yes\n  }\n"
             "}\n";
+    // The node's certificate from the cluster's CA, not the one mail clients see: peers verify
+    // it by this node's address.
+    text += std::string("protocol doveadm {\n  ssl_cert = <") + kNodeCertFile +
+            "\n  ssl_key = <" + kNodeKeyFile + "\n}\n";
   }
   return text;
 }

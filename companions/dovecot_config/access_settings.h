@@ -30,6 +30,12 @@ inline constexpr char kLogFile[] = "/var/packages/Quillon-Server/target/var/log/
 // the cluster's backend password; root's alone, like that one.
 inline constexpr char kDoveadmPasswordFile[] =
     "/var/packages/Quillon-Server/target/etc/dovecot/doveadm_password";
+// What the sync listener's TLS is made of: this node's certificate and key, signed by the
+// cluster's internal CA (ClusterDaemon.sh generate_certificate), and that CA, by which each
+// member verifies the peer it syncs with.
+inline constexpr char kNodeCertFile[] = "/var/packages/Quillon-Server/etc/internal-ssl/node.crt";
+inline constexpr char kNodeKeyFile[] = "/var/packages/Quillon-Server/etc/internal-ssl/node.key";
+inline constexpr char kClusterCaFile[] = "/var/packages/Quillon-Server/etc/internal-ca-ssl/ca.crt";
 // Where the members of a cluster sync their mailboxes (doveadm sync over TCP).
 constexpr int kMailSyncPort = 24245;
 

@@ -9,6 +9,7 @@
 //                   follows the request and is stored under the base name of its "file_path".
 //   make_mail_dir   params user; makes that user's mail directory here, as the library would
 //                   (mode 0770, the user's own), before a peer syncs the user's mailbox into it.
+//   align_inbox     params user, guid; gives that user's INBOX here the peer's INBOX GUID.
 //
 // A request must carry a valid signature with the cluster's backend password. What a peer sends
 // is checked again here: only the known destination folders, plain file names, existing owners,
@@ -21,6 +22,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -30,6 +32,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <json/json.h>
 
@@ -169,6 +172,84 @@ Failure MakeMailDir(const Json::Value &request) {
   return failure;
 }
 
+// Dovecot of this node, which the peer's sync reaches through the cluster's mailbox sync listener.
+const char kDoveadm[] = "/var/packages/Quillon-Server/target/bin/doveadm";
+const char kDovecotConf[] = "/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf";
+
+// Runs `argv` (no shell, a bare environment) and gives its exit status, with its standard output
+// in `out`; -1 when it can't run or doesn't end normally.
+int Run(const std::vector<std::string> &argv, std::string &out) {
+  // The service ignores SIGCHLD so that its own children vanish; here we wait for ours.
+  signal(SIGCHLD, SIG_DFL);
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) return -1;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    dup2(pipeFds[1], STDOUT_FILENO);
+    const int null = open("/dev/null", O_RDWR);
+    if (null >= 0) {
+      dup2(null, STDIN_FILENO);
+      dup2(null, STDERR_FILENO);
+    }
+    std::vector<char *> args;
+    for (const std::string &arg : argv) args.push_back(const_cast<char *>(arg.c_str()));
+    args.push_back(nullptr);
+    char *const env[] = {const_cast<char *>("PATH=/usr/sbin:/usr/bin:/sbin:/bin"), nullptr};
+    execve(args[0], args.data(), env);
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  if (pid < 0) {
+    close(pipeFds[0]);
+    return -1;
+  }
+  char piece[4096];
+  ssize_t n;
+  while ((n = read(pipeFds[0], piece, sizeof(piece))) > 0 && out.size() < 65536) {
+    out.append(piece, n);
+  }
+  close(pipeFds[0]);
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+bool Guid(const std::string &text) {
+  return text.size() == 32 && text.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+// Two nodes that each received mail for a user made an INBOX of their own, each with its GUID;
+// dsync merges mailboxes of one name with different GUIDs by renaming one aside, which it can't
+// do with INBOX, so every run would end in a desync. The peer asks before it syncs: our INBOX
+// takes the GUID of its INBOX, and dsync merges the two.
+Failure AlignInbox(const Json::Value &request) {
+  const Json::Value &params = request["params"];
+  if (!params.isObject() || !params["user"].isString() || !params["guid"].isString() ||
+      request["size"].asUInt64() != 0) {
+    return {kBadRequest, "incomplete align_inbox request"};
+  }
+  const std::string name = params["user"].asString();
+  const std::string guid = params["guid"].asString();
+  const passwd *user = PlainUserName(name) ? getpwnam(name.c_str()) : nullptr;
+  if (user == nullptr || user->pw_uid == 0 || !Guid(guid)) return {kRefused, "refused user or GUID"};
+  std::string out;
+  if (Run({kDoveadm, "-c", kDovecotConf, "-f", "flow", "mailbox", "status", "-u", name, "guid",
+           "INBOX"},
+          out) != 0) {
+    return {kWriteFailed, "no INBOX of " + name + " here"};
+  }
+  const size_t at = out.find("guid=");
+  if (at != std::string::npos && out.compare(at + 5, 32, guid) == 0) return {0, ""};
+  std::string ignored;
+  if (Run({kDoveadm, "-c", kDovecotConf, "mailbox", "update", "-u", name, "--mailbox-guid", guid,
+           "INBOX"},
+          ignored) != 0) {
+    return {kWriteFailed, "cannot give the INBOX of " + name + " the GUID " + guid};
+  }
+  syslog(LOG_INFO, "the INBOX of %s took the GUID of a peer's", name.c_str());
+  return {0, ""};
+}
+
 // Receives the body into a temporary file beside its place, checks its digest, and moves it in.
 Failure StoreFile(int fd, const Json::Value &request) {
   const Json::Value &params = request["params"];
@@ -252,12 +333,13 @@ void Serve(int fd, const std::string &password) {
   }
   const std::string method = request["method"].asString();
   if (request["api"].asString() != "KOLT.QuillonServer.Cluster" ||
-      (method != "sync_conf_file" && method != "make_mail_dir")) {
+      (method != "sync_conf_file" && method != "make_mail_dir" && method != "align_inbox")) {
     Answer(fd, false, kBadRequest);
     return;
   }
-  const Failure failure =
-      method == "make_mail_dir" ? MakeMailDir(request) : StoreFile(fd, request);
+  const Failure failure = method == "make_mail_dir" ? MakeMailDir(request)
+                          : method == "align_inbox" ? AlignInbox(request)
+                                                    : StoreFile(fd, request);
   if (failure.code != 0) syslog(LOG_ERR, "%s: %s", method.c_str(), failure.why.c_str());
   Answer(fd, failure.code == 0, failure.code);
 }

@@ -258,6 +258,12 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
   }
   EXPECT_TRUE(known);
   EXPECT_NE(ReadFile(nodes.Path(3, dovecotConf)).find("address = 10.77.0.13\n"), std::string::npos);
+  // Its certificate names the new address, by which peers verify it when they sync mail.
+  EXPECT_EQ(system(("openssl verify -verify_ip 10.77.0.13 -CAfile " +
+                    nodes.Path(2, std::string(kEtc) + "internal-ca-ssl/ca.crt") + " " +
+                    nodes.Path(3, std::string(kEtc) + "internal-ssl/node.crt") + " >/dev/null 2>&1")
+                       .c_str()),
+            0);
   for (int node : {2, 3}) {
     EXPECT_NE(cluster.Ctl(node, {"cluster", "status"}).find("healthy:         yes"),
               std::string::npos)
@@ -267,8 +273,9 @@ TEST(MembershipTest, ThreeNodesJoinReplicateAgreeAndLoseTheirMaster) {
 
 // Mailboxes of two members meet: each node's Dovecot opens the sync listener on its cluster
 // address only, and member sync-mail merges node 1's mailboxes with node 2's both ways, making a
-// user's directory on node 2 where it was missing. A wrong sync password fails the sync, and a
-// directory whose owner isn't the user its number names is nobody's mailbox.
+// user's directory on node 2 where it was missing, over TLS alone: a node without the cluster's
+// CA, a clear connection, a peer whose certificate isn't the CA's and a wrong sync password all
+// fail the sync, and a directory whose owner isn't the user its number names is nobody's mailbox.
 TEST(MembershipTest, MailboxesSyncBothWaysWithAPeer) {
   const std::string dovecot = "/var/packages/Quillon-Server/target/scripts/daemon/dovecot.sh";
   const std::string conf = "/var/packages/Quillon-Server/target/etc/dovecot/dovecot.conf";
@@ -333,6 +340,37 @@ TEST(MembershipTest, MailboxesSyncBothWaysWithAPeer) {
               out);
     return out;
   };
+
+  // Mail crosses the network only inside TLS with a peer the cluster's CA vouches for. Without
+  // the CA node 1 syncs nothing rather than in clear, and node 2's listener takes no clear text.
+  const std::string ca = nodes.Path(1, std::string(kEtc) + "internal-ca-ssl/ca.crt");
+  ASSERT_EQ(rename(ca.c_str(), (ca + ".away").c_str()), 0);
+  cluster.Ctl(1, {"member", "sync-mail", NetworkNodes::Address(2)}, 1);
+  EXPECT_FALSE(log.Matching("are not synced in clear").empty());
+  ASSERT_EQ(rename((ca + ".away").c_str(), ca.c_str()), 0);
+  const std::string peer = NetworkNodes::Address(2) + ":24245";
+  EXPECT_NE(nodes.Run(1, {"/var/packages/Quillon-Server/target/bin/doveadm", "-c", conf, "sync",
+                          "-u", "qsvsyncone", "tcp:" + peer}),
+            0);
+  EXPECT_EQ(messages(2, "qsvsyncone"), "INBOX messages=1");
+  // Node 2 with a certificate for its address, but of its own making: node 1 won't talk to it.
+  const std::string cert = nodes.Path(2, std::string(kEtc) + "internal-ssl/node.crt");
+  const std::string key = nodes.Path(2, std::string(kEtc) + "internal-ssl/node.key");
+  const std::string realCert = ReadFile(cert), realKey = ReadFile(key);
+  ASSERT_EQ(system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+                    "-days 1 -subj /CN=impostor -addext subjectAltName=IP:" +
+                    NetworkNodes::Address(2) + " -keyout " + key + " -out " + cert +
+                    " 2>/dev/null && chmod 0600 " + key)
+                       .c_str()),
+            0);
+  ASSERT_EQ(nodes.Run(2, {dovecot, "reload"}), 0);
+  cluster.Ctl(1, {"member", "sync-mail", NetworkNodes::Address(2)}, 1);
+  EXPECT_EQ(messages(2, "qsvsyncone"), "INBOX messages=1");
+  EXPECT_EQ(messages(2, "qsvsynctwo"), "INBOX messages=0");
+  EXPECT_FALSE(log.Matching("self-signed certificate").empty());
+  WriteFile(cert, realCert);
+  WriteFile(key, realKey, 0600);
+  ASSERT_EQ(nodes.Run(2, {dovecot, "reload"}), 0);
 
   // A password that isn't the cluster's: refused by node 2, and nothing arrives.
   WriteFile(nodes.Path(1, secret), std::string(64, '0'), 0600);

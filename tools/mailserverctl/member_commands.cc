@@ -416,6 +416,16 @@ int Readdress(const std::string &address) {
   if (KLIBCExec(kClusterDaemon, "start", nullptr, nullptr, 0) != 0) {
     return Error("the daemons did not start again on the new address");
   }
+  // Peers verify the mailbox sync listener's certificate by this node's address, which the old
+  // certificate no longer names. The master balancer's address keeps the script from making a
+  // CA of its own on a node that has lost the cluster's.
+  const std::string master = node.idToIP(Get("balancer_master_node"));
+  if (KLIBCExecl(kClusterDaemon, kQuietWait, "generate_certificate", node.getHostID().c_str(),
+                 address.c_str(), master.empty() ? "-" : master.c_str(),
+                 static_cast<char *>(nullptr)) != 0) {
+    fprintf(stderr, "mailserverctl: no certificate for %s; peers can't sync mail with this node "
+                    "(see the system log)\n", address.c_str());
+  }
   // The mailbox sync listens on the node's cluster address.
   ApplyMembershipHere("readdress");
   printf("%s is now %s on every node\n", node.getHostID().c_str(), address.c_str());

@@ -5,9 +5,11 @@
 
 For every user whose mail directory lies on this node, Dovecot's doveadm syncs the mailbox with
 the doveadm server of the peer (PEER_ADDRESS:PORT, the cluster's sync listener that the peer's
-Dovecot opens on its cluster address): what either side lacks, it gets, so a new member receives
+Dovecot opens on its cluster address, TLS only): what either side lacks, it gets, so a new member receives
 everything. Where both nodes gave the user an INBOX of their own, the peer's takes the GUID of
-ours first, so that dsync merges the two. The peer's Dovecot works as the user, who can't make a directory in the account
+ours first, so that dsync merges the two. The peer's certificate must come from the cluster's
+internal CA and name PEER_ADDRESS: without that CA on this node nothing is synced, as mail never
+crosses the network in clear. The peer's Dovecot works as the user, who can't make a directory in the account
 domain's folder there; the peer's request service makes it first, as root.
 
 A mail directory counts only when it is /var/spool/mail/<account domain>/<uid>, a user of the
@@ -34,6 +36,7 @@ TARGET = "/var/packages/Quillon-Server/target"
 DOVEADM = TARGET + "/bin/doveadm"
 DOVECOT_CONF = TARGET + "/etc/dovecot/dovecot.conf"
 BACKEND_CONF = "/var/packages/Quillon-Server/etc/backend.conf"
+CLUSTER_CA = "/var/packages/Quillon-Server/etc/internal-ca-ssl/ca.crt"
 REQUEST_PORT = 8503
 # doveadm sync's status when the mailbox changed while it ran: the sync is to be run again.
 SYNC_AGAIN = 2
@@ -130,6 +133,22 @@ def run(argv):
     return done.returncode, done.stdout.decode("utf-8", "replace").strip(), words[-300:]
 
 
+def cluster_ca():
+    """The cluster's CA certificate, in a folder and file of root's that nobody else may change.
+    The package's etc above them is the package user's, who reads the cluster's password there
+    anyway, so that user could reach the mail without forging a CA."""
+    try:
+        folder = os.lstat(os.path.dirname(CLUSTER_CA))
+        st = os.lstat(CLUSTER_CA)
+    except OSError as e:
+        raise Refused("no CA certificate of the cluster at %s (%s): mailboxes are not synced in "
+                      "clear" % (CLUSTER_CA, e.strerror))
+    if not stat.S_ISDIR(folder.st_mode) or folder.st_uid != 0 or folder.st_mode & 0o022 \
+            or not stat.S_ISREG(st.st_mode) or st.st_uid != 0 or st.st_mode & 0o022:
+        raise Refused("the cluster's CA certificate %s is not root's alone" % CLUSTER_CA)
+    return CLUSTER_CA
+
+
 def dovecot_home(name):
     rc, out, _ = run([DOVEADM, "-c", DOVECOT_CONF, "user", "-f", "home", name])
     return out if rc == 0 else None
@@ -181,11 +200,11 @@ def backend_password():
     return password
 
 
-def make_peer_mail_dir(password, peer, name):
-    """Asks the peer's request service for the user's mail directory; None, or why it failed."""
+def ask_peer(password, peer, method, params):
+    """Sends a request to the peer's request service; None, or why it failed."""
     header = {
-        "api": "KOLT.QuillonServer.Cluster", "version": 1, "method": "make_mail_dir",
-        "params": {"user": name}, "time": int(time.time()), "nonce": os.urandom(16).hex(),
+        "api": "KOLT.QuillonServer.Cluster", "version": 1, "method": method,
+        "params": params, "time": int(time.time()), "nonce": os.urandom(16).hex(),
         "size": 0, "sha256": hashlib.sha256(b"").hexdigest(),
     }
     line = json.dumps(header, separators=(",", ":"))
@@ -204,32 +223,32 @@ def make_peer_mail_dir(password, peer, name):
     return None
 
 
-def inbox_guid(name, server=None):
-    """The GUID of the user's INBOX here, or at server ("ADDRESS:PORT"); None when unknown."""
+def inbox_guid(name):
+    """The GUID of the user's INBOX here; None when unknown."""
     argv = [DOVEADM, "-c", DOVECOT_CONF, "-f", "flow", "mailbox", "status", "-u", name]
-    argv += ["-S", server] if server else []
     rc, out, _ = run(argv + ["guid", "INBOX"])
     found = re.search(r"\bguid=([0-9a-f]{32})\b", out) if rc == 0 else None
     return found.group(1) if found else None
 
 
-def align_inbox(name, peer, port):
+def align_inbox(password, name, peer):
     """Gives the peer's INBOX the GUID of ours. Both nodes made an INBOX of their own when mail
     reached the user on each; dsync can merge two mailboxes of one name with different GUIDs,
-    but not INBOX, which it can't rename aside: it then ends every run with a desync."""
-    server = "%s:%d" % (peer, port)
+    but not INBOX, which it can't rename aside: it then ends every run with a desync. The peer's
+    request service does it there, as doveadm's commands for another server (-S) would speak in
+    clear."""
     ours = inbox_guid(name)
-    theirs = inbox_guid(name, server)
-    if ours is None or theirs is None or ours == theirs:
-        return
-    run([DOVEADM, "-c", DOVECOT_CONF, "mailbox", "update", "-S", server, "-u", name,
-         "--mailbox-guid", ours, "INBOX"])
+    if ours is None:
+        return None
+    return ask_peer(password, peer, "align_inbox", {"user": name, "guid": ours})
 
 
-def sync(name, peer, port):
+def sync(name, peer, port, ca):
     """None when the mailbox synced, else why not."""
-    align_inbox(name, peer, port)
-    argv = [DOVEADM, "-c", DOVECOT_CONF, "sync", "-u", name, "tcp:%s:%d" % (peer, port)]
+    # The peer's certificate is checked against the cluster's CA alone, not the system's.
+    argv = [DOVEADM, "-c", DOVECOT_CONF, "-o", "ssl_client_ca_file=" + ca,
+            "-o", "ssl_client_ca_dir=", "-o", "ssl_client_require_valid_cert=yes",
+            "sync", "-u", name, "tcps:%s:%d" % (peer, port)]
     for _ in range(SYNC_TRIES):
         rc, _, words = run(argv)
         if rc != SYNC_AGAIN:
@@ -251,6 +270,7 @@ def main(argv):
     try:
         if os.geteuid() != 0:
             raise Refused("must run as root")
+        ca = cluster_ca()
         folder = domain_folder()
         password = backend_password()
         users = mailboxes(folder)
@@ -262,11 +282,14 @@ def main(argv):
         % (len(users), folder, peer, port, args["-d"]))
     failed = 0
     for name, uid in users:
-        why = make_peer_mail_dir(password, peer, name)
+        why = ask_peer(password, peer, "make_mail_dir", {"user": name})
         if why is not None:
             # The directory may be there already; the sync tells.
             log(syslog.LOG_WARNING, "mail directory of %s on %s not made: %s" % (name, peer, why))
-        why = sync(name, peer, port)
+        why = align_inbox(password, name, peer)
+        if why is not None:
+            log(syslog.LOG_WARNING, "INBOX of %s on %s not aligned: %s" % (name, peer, why))
+        why = sync(name, peer, port, ca)
         if why is None:
             log(syslog.LOG_INFO, "synced the mailbox of %s (uid %d) with %s:%d"
                 % (name, uid, peer, port))
