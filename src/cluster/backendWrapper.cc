@@ -89,6 +89,10 @@ bool QuillonServerBACKENDWrap::exist(const std::string &key) {
 bool QuillonServerBACKENDWrap::removeKey(const std::string &key) {
   // The local mirror goes first; the store's answer alone decides the result.
   dumpMailConfToFile(toLeagalFileName(key), key, "", true, true, kMailConfDir, 0, false, nullptr);
+  return removeStoreKey(key);
+}
+
+bool QuillonServerBACKENDWrap::removeStoreKey(const std::string &key) {
   return RunTool("del", Complete(key)) == 0;
 }
 

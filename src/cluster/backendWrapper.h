@@ -40,6 +40,8 @@ class QSV_EXPORT QuillonServerBACKENDWrap {
   bool exist(const std::string &key);
   // Drops the local mirror of the key first, then the key in the store.
   bool removeKey(const std::string &key);
+  // The key in the store alone: for a caller that changes the mirror itself, under its lock.
+  bool removeStoreKey(const std::string &key);
   // Removes the key and everything below it; the key is passed as given, not completed.
   bool removeDir(const std::string &key);
   // The names of the children of `key`, relative to it.

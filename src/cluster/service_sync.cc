@@ -54,8 +54,19 @@ bool KOLTMailNodeCluster::setServiceSync(const std::string &service, const std::
       sleep(1);
     }
   }
-  removeKey(key);
-  dumpMailConfToFile(toLeagalFileName(key), key, "", true, true, kMailConfDir, 0, false, nullptr);
+  // The store's key goes under the mirror's lock, as it came: lowered outside it, a raise of the
+  // same flag in between (the next change of a writer here) would lose its mirror member, and the
+  // watcher would take this node's own flag for a peer's.
+  bool removed = false;
+  dumpMailConfToFile(toLeagalFileName(key), key, "", true, true, kMailConfDir, 0, false,
+                     [this, &removed](const std::string &flag, const std::string &,
+                                      const std::string &, bool, int, bool) {
+                       removed = removeStoreKey(flag);
+                       return 1;
+                     });
+  // A damaged mirror stops the write before that: the flag must go all the same, or membership
+  // changes would wait for it forever.
+  if (!removed) removeStoreKey(key);
   if (!healthy) {
     maillog(3,
             "%s:%d Failed to setServiceSync() serv[%s] Done due to cluster unhealth but remove "
