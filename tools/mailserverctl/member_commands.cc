@@ -22,6 +22,7 @@
 #include "foundation/strings.h"
 #include "kolt/exec.h"
 #include "mailserverctl/error.h"
+#include "webapi/web_api_request.h"
 
 using KOLT::QUILLON_SERVER::KOLTMailNodeCluster;
 using KOLT::QUILLON_SERVER::MemberConfig;
@@ -53,6 +54,7 @@ int MemberUsage() {
           "       mailserverctl member sync-spam IP\n"
           "       mailserverctl member sync-mail IP\n"
           "       mailserverctl member sync-config IP\n"
+          "       mailserverctl member ask IP make_mail_dir|align_inbox [NAME VALUE]...\n"
           "       mailserverctl member readdress IP\n"
           "  (LIST: mailer,storager,balancer; all three by default)\n");
   return 2;
@@ -466,6 +468,31 @@ int Check(const std::vector<std::string> &args) {
 
 }  // namespace
 
+// A request without a file to the request service of the peer at `address`: the package's mail
+// sync script asks a peer to make a user's mail directory, or to align its INBOX, through it.
+// args: METHOD, then NAME VALUE pairs of its params.
+int Ask(const std::string &address, const std::vector<std::string> &args) {
+  if (args.empty() || args.size() % 2 != 1 ||
+      (args[0] != "make_mail_dir" && args[0] != "align_inbox")) {
+    return MemberUsage();
+  }
+  Json::Value request(Json::objectValue);
+  request["api"] = "KOLT.QuillonServer.Cluster";
+  request["version"] = 1;
+  request["method"] = args[0];
+  request["params"] = Json::Value(Json::objectValue);
+  for (size_t i = 1; i < args.size(); i += 2) request["params"][args[i]] = args[i + 1];
+  Json::Value response;
+  if (!WebAPIRequest(address, request, response)) {
+    return Error("the request service of " + address + " did not answer");
+  }
+  if (!response["success"].asBool()) {
+    return Error("the request service of " + address + " refused " + args[0] + " (code " +
+                 std::to_string(response["error"]["code"].asInt()) + ")");
+  }
+  return 0;
+}
+
 int MemberCommand(const std::vector<std::string> &args) {
   if (geteuid() != 0) return Error("member: must run as root");
   if (args.empty()) return MemberUsage();
@@ -482,6 +509,9 @@ int MemberCommand(const std::vector<std::string> &args) {
     }
     printf("spam databases sent to %s\n", rest[0].c_str());
     return 0;
+  }
+  if (args[0] == "ask" && rest.size() >= 2 && IsAddress(rest[0])) {
+    return Ask(rest[0], std::vector<std::string>(rest.begin() + 1, rest.end()));
   }
   if (args[0] == "sync-config" && rest.size() == 1 && IsAddress(rest[0])) {
     KOLTMailNodeCluster node;

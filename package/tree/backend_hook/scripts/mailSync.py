@@ -19,9 +19,6 @@ home: a folder someone made under another number is nobody's mailbox.
 One line per user goes to the system log (facility mail). Exit 0 when every mailbox synced, 1 when
 one didn't or the arguments are wrong, with the reason on standard error.
 """
-import hashlib
-import hmac
-import json
 import os
 import pwd
 import re
@@ -30,14 +27,12 @@ import stat
 import subprocess
 import sys
 import syslog
-import time
 
 TARGET = "/var/packages/Quillon-Server/target"
 DOVEADM = TARGET + "/bin/doveadm"
 DOVECOT_CONF = TARGET + "/etc/dovecot/dovecot.conf"
-BACKEND_CONF = "/var/packages/Quillon-Server/etc/backend.conf"
+CTL = TARGET + "/usr/bin/mailserverctl"
 CLUSTER_CA = "/var/packages/Quillon-Server/etc/internal-ca-ssl/ca.crt"
-REQUEST_PORT = 8503
 # doveadm sync's status when the mailbox changed while it ran: the sync is to be run again.
 SYNC_AGAIN = 2
 SYNC_TRIES = 3
@@ -189,38 +184,11 @@ def mailboxes(folder):
     return sorted(found, key=lambda user: user[1])
 
 
-def backend_password():
-    try:
-        with open(BACKEND_CONF, encoding="utf-8") as f:
-            password = json.load(f).get("password")
-    except (OSError, ValueError, AttributeError):
-        password = None
-    if not isinstance(password, str) or not password:
-        raise Refused("cannot read the cluster's password from %s" % BACKEND_CONF)
-    return password
-
-
-def ask_peer(password, peer, method, params):
-    """Sends a request to the peer's request service; None, or why it failed."""
-    header = {
-        "api": "KOLT.QuillonServer.Cluster", "version": 1, "method": method,
-        "params": params, "time": int(time.time()), "nonce": os.urandom(16).hex(),
-        "size": 0, "sha256": hashlib.sha256(b"").hexdigest(),
-    }
-    line = json.dumps(header, separators=(",", ":"))
-    mac = hmac.new(password.encode(), line.encode(), hashlib.sha256).hexdigest()
-    try:
-        with socket.create_connection((peer, REQUEST_PORT), timeout=60) as s:
-            s.sendall((line + "\n" + mac + "\n").encode())
-            answer = s.makefile("rb").readline(65536)
-        reply = json.loads(answer)
-    except (OSError, ValueError) as e:
-        return "the request service of %s did not answer: %s" % (peer, e)
-    if not isinstance(reply, dict) or reply.get("success") is not True:
-        error = reply.get("error") if isinstance(reply, dict) else None
-        code = error.get("code") if isinstance(error, dict) else None
-        return "the request service of %s refused it (code %s)" % (peer, code)
-    return None
+def ask_peer(peer, method, *params):
+    """Asks the peer's request service, signed with the cluster's password, through mailserverctl;
+    None, or why it failed."""
+    rc, _, words = run([CTL, "member", "ask", peer, method] + list(params))
+    return None if rc == 0 else words or "mailserverctl exited with %d" % rc
 
 
 def inbox_guid(name):
@@ -231,7 +199,7 @@ def inbox_guid(name):
     return found.group(1) if found else None
 
 
-def align_inbox(password, name, peer):
+def align_inbox(name, peer):
     """Gives the peer's INBOX the GUID of ours. Both nodes made an INBOX of their own when mail
     reached the user on each; dsync can merge two mailboxes of one name with different GUIDs,
     but not INBOX, which it can't rename aside: it then ends every run with a desync. The peer's
@@ -240,7 +208,7 @@ def align_inbox(password, name, peer):
     ours = inbox_guid(name)
     if ours is None:
         return None
-    return ask_peer(password, peer, "align_inbox", {"user": name, "guid": ours})
+    return ask_peer(peer, "align_inbox", "user", name, "guid", ours)
 
 
 def sync(name, peer, port, ca):
@@ -272,7 +240,6 @@ def main(argv):
             raise Refused("must run as root")
         ca = cluster_ca()
         folder = domain_folder()
-        password = backend_password()
         users = mailboxes(folder)
     except Refused as e:
         print("mailSync.py: %s" % e, file=sys.stderr)
@@ -282,11 +249,11 @@ def main(argv):
         % (len(users), folder, peer, port, args["-d"]))
     failed = 0
     for name, uid in users:
-        why = ask_peer(password, peer, "make_mail_dir", {"user": name})
+        why = ask_peer(peer, "make_mail_dir", "user", name)
         if why is not None:
             # The directory may be there already; the sync tells.
             log(syslog.LOG_WARNING, "mail directory of %s on %s not made: %s" % (name, peer, why))
-        why = align_inbox(password, name, peer)
+        why = align_inbox(name, peer)
         if why is not None:
             log(syslog.LOG_WARNING, "INBOX of %s on %s not aligned: %s" % (name, peer, why))
         why = sync(name, peer, port, ca)
