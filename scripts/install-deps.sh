@@ -11,7 +11,7 @@ PKGS="build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
  dovecot-core dovecot-imapd dovecot-pop3d
  spamassassin spamd spamc clamav clamav-daemon clamdscan
  chromium-headless-shell fonts-dejavu-core gnuplot-nox
- rsync openssh-server openssh-client openssl file offlineimap3"
+ rsync openssh-server openssh-client openssl file offlineimap3 python3 passwd"
 
 missing=""
 for p in $PKGS; do
