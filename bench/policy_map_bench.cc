@@ -2,10 +2,12 @@
 // same bytes beside the map, fsync, rename (and for the hash map, one run of postmap on it):
 // - SenderQuota::GenerateConfig of 10,000 senders, all system users, every tenth written in
 //   another case than the user's own (a sender that no user has costs a log line, which the
-//   floor doesn't have);
+//   floor doesn't have); a second floor adds what no map can be written without, the raw read of
+//   the table and one walk of the name service's users;
 // - AttachmentFilter::GenerateConfig of the default types and 2,000 more; its floor also reads
 //   the rows, raw, since no rule can be written without them.
 #include <fcntl.h>
+#include <pwd.h>
 #include <spawn.h>
 #include <sqlite3.h>
 #include <sys/wait.h>
@@ -81,6 +83,40 @@ void QuotaMapFloor(benchmark::State &state) {
   }
 }
 
+// The rows of `table` in `db`, raw: one read-only connection, one statement, into one string.
+bool ReadRowsRaw(const char *path, const char *statement, std::string &rows) {
+  sqlite3 *db = nullptr;
+  sqlite3_stmt *step = nullptr;
+  bool ok = sqlite3_open_v2(path, &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+            sqlite3_prepare_v2(db, statement, -1, &step, nullptr) == SQLITE_OK;
+  int rc = SQLITE_DONE;
+  while (ok && (rc = sqlite3_step(step)) == SQLITE_ROW) {
+    for (int column = 0; column < sqlite3_column_count(step); ++column) {
+      rows.append(reinterpret_cast<const char *>(sqlite3_column_text(step, column)),
+                  static_cast<size_t>(sqlite3_column_bytes(step, column)));
+      rows += '|';
+    }
+  }
+  sqlite3_finalize(step);
+  sqlite3_close(db);
+  return ok && rc == SQLITE_DONE;
+}
+
+void QuotaMapWorkFloor(benchmark::State &state) {
+  for (auto _ : state) {
+    std::string rows;
+    size_t users = 0;
+    setpwent();
+    for (struct passwd *user; (user = getpwent()) != nullptr;) users += user->pw_name[0] != 0;
+    endpwent();
+    if (!ReadRowsRaw(kMailServerDBPath, "select * from sender_quota_table", rows) ||
+        users < kUsers || !WriteBeside(kQuotaMap, quotaText) || !RunPostmap(kQuotaMap)) {
+      state.SkipWithError("floor failed");
+    }
+    benchmark::DoNotOptimize(rows);
+  }
+}
+
 void FilterRule(benchmark::State &state) {
   for (auto _ : state) {
     if (AttachmentFilter::GenerateConfig() != 0) state.SkipWithError("GenerateConfig failed");
@@ -88,29 +124,14 @@ void FilterRule(benchmark::State &state) {
   if (Slurp(kRule) != ruleText) state.SkipWithError("the rule changed between runs");
 }
 
-// The call can't make its rule without reading the table: the floor reads the same rows raw, one
-// read-only connection and one statement, into one string.
-bool ReadTypesRaw(std::string &types) {
-  sqlite3 *db = nullptr;
-  sqlite3_stmt *rows = nullptr;
-  bool ok = sqlite3_open_v2(kFilterDb, &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-            sqlite3_prepare_v2(db, "select file_type from attachment_filter_table;", -1, &rows,
-                               nullptr) == SQLITE_OK;
-  int rc = SQLITE_DONE;
-  while (ok && (rc = sqlite3_step(rows)) == SQLITE_ROW) {
-    types.append(reinterpret_cast<const char *>(sqlite3_column_text(rows, 0)),
-                 static_cast<size_t>(sqlite3_column_bytes(rows, 0)));
-    types += '|';
-  }
-  sqlite3_finalize(rows);
-  sqlite3_close(db);
-  return ok && rc == SQLITE_DONE;
-}
-
 void FilterRuleFloor(benchmark::State &state) {
   for (auto _ : state) {
     std::string types;
-    if (!ReadTypesRaw(types) || !WriteBeside(kRule, ruleText)) state.SkipWithError("floor failed");
+    // The call can't make its rule without reading the table: the floor reads the same rows raw.
+    if (!ReadRowsRaw(kFilterDb, "select file_type from attachment_filter_table;", types) ||
+        !WriteBeside(kRule, ruleText)) {
+      state.SkipWithError("floor failed");
+    }
     benchmark::DoNotOptimize(types);
   }
 }
@@ -118,6 +139,7 @@ void FilterRuleFloor(benchmark::State &state) {
 #define QSV_BENCH(fn) BENCHMARK(fn)->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true)
 QSV_BENCH(QuotaMap)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 QSV_BENCH(QuotaMapFloor)->Unit(benchmark::kMillisecond)->MinTime(1.0);
+QSV_BENCH(QuotaMapWorkFloor)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 QSV_BENCH(FilterRule)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
 QSV_BENCH(FilterRuleFloor)->Unit(benchmark::kMicrosecond)->MinTime(0.5);
 
@@ -162,7 +184,10 @@ bool SetUp() {
   }
   ok = ok && Exec(db, "COMMIT;");
   sqlite3_close(db);
-  if (!ok || AttachmentFilter::GenerateConfig() != 0) return false;
+  // The first map on a node waits in postmap while it makes the .db (nearly two seconds of its
+  // own sleeps). Made here, it doesn't leave the timed runs one iteration each, a median of one.
+  if (!ok || SenderQuota::GenerateConfig() != 0 || Slurp(kQuotaMap) != quotaText) return false;
+  if (AttachmentFilter::GenerateConfig() != 0) return false;
   ruleText = Slurp(kRule);
   return ruleText.find("x1999") != std::string::npos;
 }
@@ -180,6 +205,8 @@ int main(int argc, char **argv) {
   printf("\n");
   reporter.PrintRatio("SenderQuota::GenerateConfig, 10000 senders / write + postmap", "QuotaMap",
                       "QuotaMapFloor", "(goal <= 1.3)");
+  reporter.PrintRatio("SenderQuota::GenerateConfig / that + raw table read + one walk of the users",
+                      "QuotaMap", "QuotaMapWorkFloor", "(no goal)");
   reporter.PrintRatio("AttachmentFilter::GenerateConfig, 2035 types / raw read + write", "FilterRule",
                       "FilterRuleFloor", "(goal <= 1.3)");
   benchmark::Shutdown();

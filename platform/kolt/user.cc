@@ -5,6 +5,7 @@
 #include <pwd.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <stdint.h>
 #include <string.h>
 #include <strings.h>
 #include <unistd.h>
@@ -221,30 +222,73 @@ int KLIBUserRealNameGet(const char *name, char *buf, int size, int /*flags*/) {
 
 namespace {
 
-std::string Folded(const std::string &name) {
-  std::string folded = name;
-  for (char &c : folded) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+char Fold(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// FNV-1a of the name in ASCII lower case, as the walk of KLIBUserRealNameGet compares.
+size_t FoldedHash(const char *name, size_t size) {
+  uint64_t hash = 14695981039346656037ull;
+  for (size_t i = 0; i < size; ++i) {
+    hash = (hash ^ static_cast<unsigned char>(Fold(name[i]))) * 1099511628211ull;
   }
-  return folded;
+  return static_cast<size_t>(hash ^ (hash >> 29));
+}
+
+bool FoldedEqual(const char *a, size_t aSize, const char *b, size_t bSize) {
+  if (aSize != bSize) return false;
+  for (size_t i = 0; i < aSize; ++i) {
+    if (Fold(a[i]) != Fold(b[i])) return false;
+  }
+  return true;
 }
 
 }  // namespace
 
+size_t KOLTUserRealNames::SlotOf(const char *name, size_t size) const {
+  const size_t mask = slots_.size() - 1;
+  for (size_t slot = FoldedHash(name, size) & mask;; slot = (slot + 1) & mask) {
+    const uint32_t user = slots_[slot];
+    if (user == kNone || FoldedEqual(NameAt(user), SizeOf(user), name, size)) return slot;
+  }
+}
+
 int KOLTUserRealNames::Load() {
-  // Lists are made for maps of thousands of names: a table grown from a few buckets would be
-  // rehashed a dozen times on the way.
-  byFolded_.reserve(4096);
   auto collect = [this](const struct passwd &pw) {
-    Spellings &spellings = byFolded_[Folded(pw.pw_name)];
-    if (spellings.first.empty()) {
-      spellings.first = pw.pw_name;
-    } else if (spellings.first != pw.pw_name) {
-      spellings.more.emplace_back(pw.pw_name);
-    }
+    starts_.push_back(static_cast<uint32_t>(names_.size()));
+    names_.append(pw.pw_name);
+    names_.push_back('\0');
     return true;
   };
-  loaded_ = ForEachUser(collect) == 0 ? 1 : -1;
+  loaded_ = -1;
+  if (ForEachUser(collect) != 0) return loaded_;
+  try {
+    const uint32_t count = static_cast<uint32_t>(starts_.size());
+    starts_.push_back(static_cast<uint32_t>(names_.size()));
+    sameFold_.assign(count, kNone);
+    // At most half full: a probe then ends after a slot or two.
+    size_t slots = 16;
+    while (slots < 2 * static_cast<size_t>(count)) slots *= 2;
+    slots_.assign(slots, kNone);
+    for (uint32_t user = 0; user < count; ++user) {
+      uint32_t &first = slots_[SlotOf(NameAt(user), SizeOf(user))];
+      if (first == kNone) {
+        first = user;
+        continue;
+      }
+      // Later spellings go behind the first in listing order; one listed twice (by two modules
+      // of the name service) is kept once.
+      uint32_t last = first;
+      bool seen = false;
+      for (uint32_t other = first; other != kNone; other = sameFold_[other]) {
+        seen = seen || strcmp(NameAt(other), NameAt(user)) == 0;
+        last = other;
+      }
+      if (!seen) sameFold_[last] = user;
+    }
+  } catch (const std::bad_alloc &) {
+    KLIBC_ERR_SET(KLIBC_ERR_OUT_OF_MEMORY);
+    return loaded_;
+  }
+  loaded_ = 1;
   return loaded_;
 }
 
@@ -254,17 +298,19 @@ int KOLTUserRealNames::Get(const std::string &name, std::string &real) {
     KLIBC_ERR_SET(KLIBC_ERR_OUT_OF_MEMORY);
     return -1;
   }
-  const auto found = byFolded_.find(Folded(name));
-  if (found == byFolded_.end() || name.empty()) {
+  const uint32_t first = name.empty() ? kNone : slots_[SlotOf(name.data(), name.size())];
+  if (first == kNone) {
     KLIBC_ERR_SET(KLIBC_ERR_NOT_FOUND);
     return -1;
   }
   // An exact match wins; otherwise the first user that differs only in case, as in the walk.
-  const Spellings &spellings = found->second;
-  const bool exact = spellings.first == name || std::find(spellings.more.begin(),
-                                                          spellings.more.end(),
-                                                          name) != spellings.more.end();
-  real = exact ? name : spellings.first;
+  for (uint32_t user = first; user != kNone; user = sameFold_[user]) {
+    if (SizeOf(user) == name.size() && memcmp(NameAt(user), name.data(), name.size()) == 0) {
+      real = name;
+      return 0;
+    }
+  }
+  real.assign(NameAt(first), SizeOf(first));
   return 0;
 }
 

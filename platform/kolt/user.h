@@ -8,8 +8,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "kolt/szlist.h"
@@ -62,15 +62,20 @@ class KOLTUserRealNames {
 
  private:
   int Load();
+  // The slot that holds, or would hold, the users whose names fold to the same as `name`.
+  size_t SlotOf(const char *name, size_t size) const;
+  const char *NameAt(uint32_t user) const { return names_.data() + starts_[user]; }
+  size_t SizeOf(uint32_t user) const { return starts_[user + 1] - starts_[user] - 1; }
 
-  // The users whose names are the same in lower case: the first listed, then any others.
-  struct Spellings {
-    std::string first;
-    std::vector<std::string> more;
-  };
+  static constexpr uint32_t kNone = 0xffffffffu;
 
-  int loaded_ = 0;  // 0 not yet, 1 listed, -1 the listing failed
-  std::unordered_map<std::string, Spellings> byFolded_;
+  // A map asks for thousands of names: the list is kept flat, every name in one buffer and the
+  // table of them by index, so a lookup allocates nothing and touches a few cache lines.
+  int loaded_ = 0;                   // 0 not yet, 1 listed, -1 the listing failed
+  std::string names_;                // every listed name, each ended by a NUL, in listing order
+  std::vector<uint32_t> starts_;     // where each user's name starts, and one past the last
+  std::vector<uint32_t> sameFold_;   // the next user listed whose name folds alike, or kNone
+  std::vector<uint32_t> slots_;      // by folded name, open addressed: the first such user
 };
 
 // Appends the sorted names of the users of authType (a mask of AUTH_TYPE

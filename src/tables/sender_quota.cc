@@ -1,10 +1,12 @@
 #include "tables/sender_quota.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <charconv>
 #include <string>
 
 #include "cluster/backendWrapper.h"
@@ -85,6 +87,11 @@ std::string SenderColumn(sqlite3_stmt *row) {
 bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
   sqlite3_stmt *rows = nullptr;
   std::string text;
+  // The new map is mostly the old one again: room for that at once spares the copies of growing.
+  struct stat old;
+  if (stat(kMapPath, &old) == 0 && old.st_size > 0 && old.st_size < (64 << 20)) {
+    text.reserve(static_cast<size_t>(old.st_size + old.st_size / 8));
+  }
   int rc = sqlite3_prepare_v2(db.getDB(), "select * from sender_quota_table", -1, &rows, nullptr);
   if (rc != SQLITE_OK) {
     maillog(3, "%s:%d sqlite3_prepare_v2: [%d] %s\n", QSV_FILE, __LINE__, rc,
@@ -92,11 +99,16 @@ bool WriteMap(DBHandler &db, Postfix &postfix, const char *tmp, int fd) {
   } else {
     // One listing of the system's users for the whole map, not a walk of them per sender.
     FullUsernames names(postfix);
+    std::string sender;
     while ((rc = sqlite3_step(rows)) == SQLITE_ROW) {
-      text += names.Get(SenderColumn(rows));
-      text += ' ';
-      text += std::to_string(QuotaColumn(rows));
-      text += '\n';
+      const auto *column = reinterpret_cast<const char *>(sqlite3_column_text(rows, 0));
+      // As a C string: a sender stored with a NUL in it ends there.
+      sender.assign(column != nullptr ? column : "");
+      text += names.Get(sender);
+      char line[16] = {' '};
+      char *end = std::to_chars(line + 1, line + sizeof(line) - 1, QuotaColumn(rows)).ptr;
+      *end++ = '\n';
+      text.append(line, end);
     }
     if (rc != SQLITE_DONE) {
       maillog(3, "%s:%d sqlite3_step: [%d] %s\n", QSV_FILE, __LINE__, rc,
