@@ -57,6 +57,7 @@ int main() {
       if (got < 0) break;
       if (got > 0) watcher.Handle(key, event);
       if (time(nullptr) - lastCatchUp >= kRetrySeconds) {
+        watcher.RetryMirrors();
         watcher.CatchUpFiles();
         lastCatchUp = time(nullptr);
       }

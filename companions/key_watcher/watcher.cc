@@ -218,9 +218,20 @@ bool Watcher::WaitForUnlocked(const std::string &uploadKey) {
 void Watcher::Mirror(const std::string &key) {
   // The value is read under the key file's lock, from the replication master: a local write that
   // finished before can't be overwritten by what the store held before it.
-  const int rc = mailConfMirror(key, [&](std::string &value) {
-    return QuillonServerBACKENDWrap().getKey(key, value, true) && !IsFileRecord(value);
+  bool answered = true;
+  const int rc = mailConfMirrorRead(key, [&](std::string &value) {
+    const int found = QuillonServerBACKENDWrap().readKey(key, value, true);
+    answered = found >= 0;
+    return found > 0 && IsFileRecord(value) ? 0 : found;
   });
+  // No answer is no removal: the mirror stays as it was until a read is answered.
+  if (!answered) {
+    syslog(LOG_WARNING, "the store did not answer for %s; its mirror is left as it was",
+           key.c_str());
+    unanswered_.insert(key);
+    return;
+  }
+  unanswered_.erase(key);
   if (rc < 0) syslog(LOG_ERR, "failed to update the mirror of %s", key.c_str());
 }
 
@@ -249,6 +260,11 @@ void Watcher::CatchUpMirrors() {
   }
   // The services read the mirrors just brought up to date.
   CatchUpServiceFlags(reader_, HostId());
+}
+
+void Watcher::RetryMirrors() {
+  const std::set<std::string> keys = unanswered_;
+  for (const std::string &key : keys) Mirror(key);
 }
 
 void Watcher::CatchUpFiles() {

@@ -17,6 +17,7 @@
 #ifndef QSV_COMPANIONS_KEY_WATCHER_WATCHER_H_
 #define QSV_COMPANIONS_KEY_WATCHER_WATCHER_H_
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,8 @@ class Watcher {
   // Rewrites every mirror whose value differs from the store's, then takes up this node's
   // pending service flags.
   void CatchUpMirrors();
+  // Mirrors again the keys whose reads the store left unanswered.
+  void RetryMirrors();
 
  private:
   // An upload key or a named key was written with `value`. Arrived is true when the file is in
@@ -61,6 +64,7 @@ class Watcher {
   void WorkOffTask(const std::string &taskKey);
 
   Reader *reader_;
+  std::set<std::string> unanswered_;  // keys whose mirrors wait for the store to answer
 };
 
 }  // namespace keywatcher

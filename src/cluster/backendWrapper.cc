@@ -26,6 +26,7 @@ const char kBackendTool[] = "/var/packages/Quillon-Server/target/usr/bin/kolt-qu
 namespace {
 
 constexpr int kQuietWait = 187;  // wait for the exit, stdio to /dev/null
+constexpr int kToolSaysNo = 1;   // the tool's status when the store answered "no such key"
 const char kLockPrefix[] = "quillon_server_lock/";
 // Beside each lock the key store tool records who took it: "NODE PID START".
 const char kHolderPrefix[] = "quillon_server_lock_holder/";
@@ -71,15 +72,19 @@ bool QuillonServerBACKENDWrap::setKey(const std::string &key, const std::string 
 }
 
 bool QuillonServerBACKENDWrap::getKey(const std::string &key, std::string &value, bool linear) {
+  return readKey(key, value, linear) == 1;
+}
+
+int QuillonServerBACKENDWrap::readKey(const std::string &key, std::string &value, bool linear) {
   std::string output;
   int status = -1;
-  if (!ReadTool(linear ? "linear_get" : "get", Complete(key), output, status)) return false;
+  if (!ReadTool(linear ? "linear_get" : "get", Complete(key), output, status)) return -1;
   if (status != 0) {
     value.clear();
-    return false;
+    return status == kToolSaysNo ? 0 : -1;
   }
   value = output;
-  return true;
+  return 1;
 }
 
 bool QuillonServerBACKENDWrap::exist(const std::string &key) {

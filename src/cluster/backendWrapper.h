@@ -37,6 +37,10 @@ class QSV_EXPORT QuillonServerBACKENDWrap {
   // The value is the tool's output byte for byte; on failure it is cleared (or, when the tool
   // can't even start, left as it was).
   bool getKey(const std::string &key, std::string &value, bool linear);
+  // As getKey, telling a "no" apart from no answer: 1 and the value; 0 when the store says the key
+  // is absent; -1 when the store could not answer (or the tool did not run), which a caller that
+  // mirrors the store must not take for a removal.
+  int readKey(const std::string &key, std::string &value, bool linear);
   bool exist(const std::string &key);
   // Drops the local mirror of the key first, then the key in the store.
   bool removeKey(const std::string &key);

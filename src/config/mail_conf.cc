@@ -485,12 +485,18 @@ int ftsRuleMapGet(FTS_RULE_TYPE type, std::map<std::string, bool> &rules, bool r
 }
 
 int mailConfMirror(const std::string &key, const MailConfCurrentValue &current) {
+  return mailConfMirrorRead(key, [&current](std::string &value) { return current(value) ? 1 : 0; });
+}
+
+int mailConfMirrorRead(const std::string &key, const MailConfStoreRead &read) {
   const std::string fileName = toLeagalFileName(key);
   ConfigFileLock lock(fileName);
   // Read under the lock that local writers hold from their publication to their rename: what
   // comes back is never older than a write that has finished here.
   std::string value;
-  const bool present = current(value);
+  const int found = read(value);
+  if (found < 0) return -1;
+  const bool present = found > 0;
   if (present && !mailConfRefusal(key, value).empty()) {
     maillog(3, "%s:%d Refused to mirror key [%s]: %s", QSV_FILE, __LINE__, key.c_str(),
             mailConfRefusal(key, value).c_str());

@@ -64,6 +64,12 @@ QSV_EXPORT int mailConfMirror(const std::string &key, const std::string &value, 
 using MailConfCurrentValue = std::function<bool(std::string &value)>;
 QSV_EXPORT int mailConfMirror(const std::string &key, const MailConfCurrentValue &current);
 
+// The same for a reader that can also fail to learn the value: `read` gives 1 and the value, 0 when
+// the key is gone, or -1 when the backend could not answer, which leaves the mirror as it is (and
+// returns -1): a store that is restarting must not empty this node's settings.
+using MailConfStoreRead = std::function<int(std::string &value)>;
+QSV_EXPORT int mailConfMirrorRead(const std::string &key, const MailConfStoreRead &read);
+
 // Whether `key` currently reads as `value`.
 QSV_EXPORT bool mailConfCheckKeyValue(const char *key, const char *value);
 

@@ -16,8 +16,10 @@
 #include "cluster/store_fixture.h"
 #include "config/mail_conf.h"
 #include "core/mail_conf.h"
+#include "harness/eventually.h"
 #include "harness/run_as.h"
 #include "harness/syslog_capture.h"
+#include "tables/tables_fixture.h"
 
 namespace {
 
@@ -150,6 +152,23 @@ TEST_F(MailConfTest, TheMasterBalancerKeyIsAlwaysWrittenAndAnnounced) {
   EXPECT_EQ(Mirror("smtp_helo_name"), "mx.example");
   unlink("/tmp/refuse");
   EXPECT_EQ(mailConfSet(key, self(), true, 0), 0);
+}
+
+// A store that can't answer is no removal: the key watcher leaves the mirror as it was (it used to
+// empty it, and a node lost its settings while its store restarted), and takes the value up once
+// the store answers again.
+TEST_F(MailConfTest, AStoreWithoutAnswerLeavesTheMirrorAsItWas) {
+  ASSERT_EQ(mailConfSet("smtp_banner", "kept", true, 0), 0);
+  {
+    qsvtest::SyslogCapture log;
+    qsvtest::FailingStoreTool unanswered(2);
+    Redis("SET %s %s", "mailserver/conf/smtp_banner", "changed");
+    EXPECT_TRUE(qsvtest::Eventually(
+        [&log] { return !log.Matching("smtp_banner; its mirror is left as it was").empty(); }));
+    EXPECT_EQ(Mirror("smtp_banner"), "kept");
+  }
+  Redis("SET %s %s", "mailserver/conf/smtp_banner", "changed");
+  EXPECT_TRUE(qsvtest::Eventually([] { return Mirror("smtp_banner") == "changed"; }));
 }
 
 TEST_F(MailConfTest, AnUnhealthyNodeRefusesSynchronisedWritesOnly) {

@@ -13,6 +13,7 @@
 
 #include <json/json.h>
 
+#include "harness/eventually.h"
 #include "harness/recording_script.h"
 
 extern char **environ;
@@ -59,6 +60,13 @@ OneNodeCluster::OneNodeCluster() {
   }
   hostId_ = Member("/var/packages/Quillon-Server/etc/mailconf.d/local_id_file", "id");
   password_ = Member("/var/packages/Quillon-Server/etc/backend.conf", "password");
+  // A node set up by an earlier suite is only started again, and its watcher may still be
+  // rewriting the membership mirrors then; a suite that snapshots the settings must not race it.
+  const bool member = Eventually([this] {
+    return Member("/var/packages/Quillon-Server/etc/mailconf.d/cluster_peers",
+                  "mailserver/cluster/cluster_peers").find(hostId_) != std::string::npos;
+  });
+  if (hostId_.empty() || !member) throw std::runtime_error("the node's membership is not mirrored");
 }
 
 OneNodeCluster::~OneNodeCluster() { RunProgram(kClusterDaemon, "stop"); }

@@ -54,9 +54,10 @@ inline void WaitForQuietStore() {
   }
 }
 
-// For the life of the object every run of the key store tool fails: nothing can be spread.
+// For the life of the object every run of the key store tool fails with `status`: 1 is the
+// store's "no", 2 a store that can't be reached. Nothing can be spread.
 struct FailingStoreTool {
-  FailingStoreTool() { (void)quiet; }
+  explicit FailingStoreTool(int status = 1) : tool{kStoreTool, status} { (void)quiet; }
   struct Quiet {
     Quiet() { WaitForQuietStore(); }
   } quiet;
@@ -65,7 +66,7 @@ struct FailingStoreTool {
     ~Aside() { rename(away.c_str(), kStoreTool); }
     const std::string away = std::string(kStoreTool) + ".aside";
   } real;
-  RecordingScript tool{kStoreTool, 1};
+  RecordingScript tool;
 };
 
 }  // namespace qsvtest
