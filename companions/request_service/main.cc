@@ -79,6 +79,15 @@ bool PlainName(const std::string &name) {
   return true;
 }
 
+// Whether the folder `part` is root's and writable by nobody else, and a link only where root made
+// it (Debian's /var/spool/mail is one): nobody else can have put it there or can change it.
+bool RootsFolder(const std::string &part) {
+  struct stat st;
+  return lstat(part.c_str(), &st) == 0 && !(S_ISLNK(st.st_mode) && st.st_uid != 0) &&
+         stat(part.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == 0 &&
+         (st.st_mode & 022) == 0;
+}
+
 // The destination folder, made root's if missing; refused when someone other than root could
 // change it, so that a link can't send the file elsewhere.
 bool SafeDir(const std::string &dir) {
@@ -89,15 +98,7 @@ bool SafeDir(const std::string &dir) {
   for (size_t at = 1; at <= dir.size(); ++at) {
     if (at < dir.size() && dir[at] != '/') continue;
     path = dir.substr(0, at);
-    if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    // A link is followed only when root made it (Debian's /var/spool/mail is one): its
-    // folder is checked below, so nobody else could have put it there or can change it.
-    struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || (S_ISLNK(st.st_mode) && st.st_uid != 0) ||
-        stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
-        (st.st_mode & 022) != 0) {
-      return false;
-    }
+    if ((mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) || !RootsFolder(path)) return false;
   }
   return true;
 }
@@ -114,18 +115,11 @@ bool PlainUserName(const std::string &name) {
   return true;
 }
 
-// Whether `path` and every folder above it are root's and writable by nobody else, a link only
-// where root made it, so that nobody else can swap a part of it.
+// Whether `path` and every folder above it are RootsFolder, so that nobody else can swap a part.
 bool RootsAlone(const std::string &path) {
   for (size_t at = 1; at <= path.size(); ++at) {
     if (at < path.size() && path[at] != '/') continue;
-    const std::string part = path.substr(0, at);
-    struct stat st;
-    if (lstat(part.c_str(), &st) != 0 || (S_ISLNK(st.st_mode) && st.st_uid != 0) ||
-        stat(part.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != 0 ||
-        (st.st_mode & 022) != 0) {
-      return false;
-    }
+    if (!RootsFolder(path.substr(0, at))) return false;
   }
   return true;
 }
